@@ -1,0 +1,174 @@
+// Ready-made reader input sources: a caller-owned memory block and a file
+// read through buffered stdio. Both refuse to move past the end of the data,
+// so a file gives the same result from memory and from disk.
+#if !defined(_FILE_OFFSET_BITS)
+#define _FILE_OFFSET_BITS 64  // 64-bit offsets on 32-bit ARM as well
+#endif
+
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+
+#include "tarn/io.h"
+
+namespace {
+
+// Caller-data members of the descriptor used by these sources.
+constexpr int kDataMember = 0;
+constexpr int kSizeMember = 1;
+constexpr int kPathMember = 0;
+
+struct MemorySource {
+  const uint8_t *data;
+  uint64_t size;
+  uint64_t pos;
+};
+
+struct FileSource {
+  FILE *file;
+  uint64_t size;
+  uint64_t pos;
+};
+
+void *memory_open(const tarnd_io_dsc *io, int32_t mode) {
+  (void)mode;
+  MemorySource *src = static_cast<MemorySource *>(calloc(1, sizeof(MemorySource)));
+  if (src == nullptr) return nullptr;
+  src->data = static_cast<const uint8_t *>(io->caller_data[kDataMember]);
+  src->size = reinterpret_cast<uintptr_t>(io->caller_data[kSizeMember]);
+  return src;
+}
+
+int32_t memory_close(void *handle) {
+  free(handle);
+  return 0;
+}
+
+uint32_t memory_read(void *handle, void *buffer, uint32_t count) {
+  MemorySource *src = static_cast<MemorySource *>(handle);
+  const uint64_t left = src->size - src->pos;
+  const uint32_t n = count > left ? static_cast<uint32_t>(left) : count;
+  if (n != 0) memcpy(buffer, src->data + src->pos, n);
+  src->pos += n;
+  return n;
+}
+
+int32_t memory_tell(void *handle, uint64_t *position) {
+  *position = static_cast<MemorySource *>(handle)->pos;
+  return 0;
+}
+
+int32_t memory_seek(void *handle, uint64_t *position) {
+  MemorySource *src = static_cast<MemorySource *>(handle);
+  if (*position > src->size) return -1;
+  src->pos = *position;
+  return 0;
+}
+
+int32_t memory_skip(void *handle, uint64_t *count) {
+  MemorySource *src = static_cast<MemorySource *>(handle);
+  if (*count > src->size - src->pos) return -1;
+  src->pos += *count;
+  return 0;
+}
+
+int32_t memory_get_size(void *handle, uint64_t *size) {
+  *size = static_cast<MemorySource *>(handle)->size;
+  return 0;
+}
+
+void *file_open(const tarnd_io_dsc *io, int32_t mode) {
+  (void)mode;
+  const char *path = static_cast<const char *>(io->caller_data[kPathMember]);
+  FILE *f = fopen(path, "rb");
+  if (f == nullptr) return nullptr;
+  off_t end = -1;
+  if (fseeko(f, 0, SEEK_END) == 0) end = ftello(f);
+  FileSource *src = nullptr;
+  if (end >= 0 && fseeko(f, 0, SEEK_SET) == 0)
+    src = static_cast<FileSource *>(calloc(1, sizeof(FileSource)));
+  if (src == nullptr) {
+    fclose(f);
+    return nullptr;
+  }
+  src->file = f;
+  src->size = static_cast<uint64_t>(end);
+  return src;
+}
+
+int32_t file_close(void *handle) {
+  FileSource *src = static_cast<FileSource *>(handle);
+  fclose(src->file);
+  free(src);
+  return 0;
+}
+
+uint32_t file_read(void *handle, void *buffer, uint32_t count) {
+  FileSource *src = static_cast<FileSource *>(handle);
+  const size_t n = fread(buffer, 1, count, src->file);
+  src->pos += n;
+  return static_cast<uint32_t>(n);
+}
+
+int32_t file_tell(void *handle, uint64_t *position) {
+  *position = static_cast<FileSource *>(handle)->pos;
+  return 0;
+}
+
+// off_t may be 32 bits on a platform without large-file support.
+bool fits_off_t(uint64_t v) {
+  return v <= static_cast<uint64_t>((static_cast<uint64_t>(1) << (sizeof(off_t) * 8 - 1)) - 1);
+}
+
+int32_t file_seek(void *handle, uint64_t *position) {
+  FileSource *src = static_cast<FileSource *>(handle);
+  if (*position > src->size || !fits_off_t(*position)) return -1;
+  if (fseeko(src->file, static_cast<off_t>(*position), SEEK_SET) != 0) return -1;
+  src->pos = *position;
+  return 0;
+}
+
+int32_t file_skip(void *handle, uint64_t *count) {
+  FileSource *src = static_cast<FileSource *>(handle);
+  if (*count > src->size - src->pos) return -1;
+  uint64_t target = src->pos + *count;
+  return file_seek(handle, &target);
+}
+
+int32_t file_get_size(void *handle, uint64_t *size) {
+  *size = static_cast<FileSource *>(handle)->size;
+  return 0;
+}
+
+}  // namespace
+
+int32_t tarnd_io_init_memory(tarnd_io_dsc *io, const void *data, size_t size) {
+  if (io == nullptr || (data == nullptr && size != 0)) return -1;
+  memset(io, 0, sizeof(*io));
+  io->open = memory_open;
+  io->close = memory_close;
+  io->read = memory_read;
+  io->tell = memory_tell;
+  io->seek = memory_seek;
+  io->skip = memory_skip;
+  io->get_size = memory_get_size;
+  io->caller_data[kDataMember] = const_cast<void *>(data);
+  io->caller_data[kSizeMember] = reinterpret_cast<void *>(static_cast<uintptr_t>(size));
+  return 0;
+}
+
+int32_t tarnd_io_init_file(tarnd_io_dsc *io, const char *path) {
+  if (io == nullptr || path == nullptr) return -1;
+  memset(io, 0, sizeof(*io));
+  io->open = file_open;
+  io->close = file_close;
+  io->read = file_read;
+  io->tell = file_tell;
+  io->seek = file_seek;
+  io->skip = file_skip;
+  io->get_size = file_get_size;
+  io->caller_data[kPathMember] = const_cast<char *>(path);
+  return 0;
+}

@@ -1,0 +1,246 @@
+// Reader context: open, property binding, close, and item lookup.
+#include <stdlib.h>
+#include <string.h>
+
+#include "common/log.h"
+#include "reader/internal.h"
+
+namespace tarnd {
+
+namespace {
+
+constexpr uint32_t kFccHvcC = TARND_FCC('h', 'v', 'c', 'C');
+constexpr uint32_t kFccAuxC = TARND_FCC('a', 'u', 'x', 'C');
+constexpr uint32_t kFccIspe = TARND_FCC('i', 's', 'p', 'e');
+constexpr uint32_t kFccClap = TARND_FCC('c', 'l', 'a', 'p');
+constexpr uint32_t kFccColr = TARND_FCC('c', 'o', 'l', 'r');
+constexpr uint32_t kFccIrot = TARND_FCC('i', 'r', 'o', 't');
+
+bool is_image_type(uint32_t type) { return type == kFccHvc1 || type == kFccJpeg; }
+
+// Binds one property to one item. A later association of the same kind
+// overwrites an earlier one; auxiliary bits accumulate.
+void bind_property(tarnd_item *item, const tarnd_property *prop, uint16_t index) {
+  const uint32_t itype = item->item_type;
+  const bool image = is_image_type(itype);
+  const bool grid = itype == kFccGrid;
+  switch (prop->type) {
+    case kFccHvcC:
+      if (itype == kFccHvc1) item->view.image.hvcC_index = index;
+      break;
+    case kFccAuxC:
+      item->flags |= prop->payload.auxC.aux_flags;
+      break;
+    case kFccIspe:
+      if (image) {
+        item->view.image.ispe_width = prop->payload.ispe.width;
+        item->view.image.ispe_height = prop->payload.ispe.height;
+      } else if (grid) {
+        item->view.grid.ispe_width = prop->payload.ispe.width;
+        item->view.grid.ispe_height = prop->payload.ispe.height;
+      }
+      break;
+    case kFccClap:
+      if (image) item->view.image.clap_index = index;
+      else if (grid) item->view.grid.clap_index = index;
+      break;
+    case kFccColr:
+      if (image) item->view.image.colr_index = index;
+      else if (grid) item->view.grid.colr_index = index;
+      break;
+    case kFccIrot:
+      if (image) item->view.image.irot_angle = prop->payload.irot.angle & 0xffu;
+      else if (grid) item->view.grid.irot_angle = prop->payload.irot.angle & 0xffu;
+      break;
+    default:
+      break;
+  }
+}
+
+void bind_properties(tarnd_ctx *ctx) {
+  tarnd_meta *meta = &ctx->meta;
+  for (uint32_t i = 0; i < meta->association_cnt; ++i) {
+    const tarnd_association *assoc = &meta->association_list[i];
+    uint32_t slot;
+    if (tarnd_find_itemIndex(meta->items, meta->item_cnt, assoc->item_id, &slot) != 0) continue;
+    if (assoc->property_index >= meta->property_cnt) continue;
+    bind_property(&meta->items[slot], &meta->properties[assoc->property_index],
+                  assoc->property_index);
+  }
+}
+
+void mark_stereo_pairs(tarnd_ctx *ctx) {
+  tarnd_meta *meta = &ctx->meta;
+  for (uint32_t g = 0; g < meta->group_cnt && g < TARND_MAX_GROUPS; ++g) {
+    const tarnd_group *group = &meta->groups[g];
+    if (group->grouping_type != kFccSter || group->entityCount < 2) continue;
+    uint32_t slot;
+    if (tarnd_find_itemIndex(meta->items, meta->item_cnt, group->entityIDList[0], &slot) == 0)
+      meta->items[slot].flags |= TARND_ITEM_STEREO_LEFT;
+    if (tarnd_find_itemIndex(meta->items, meta->item_cnt, group->entityIDList[1], &slot) == 0)
+      meta->items[slot].flags |= TARND_ITEM_STEREO_RIGHT;
+  }
+}
+
+bool owns_buffer(uint32_t type) {
+  return type == kFccColr || type == kFccAuxC || type == kFccHvcC;
+}
+
+}  // namespace
+
+void release_model(tarnd_ctx *ctx) {
+  tarnd_meta *meta = &ctx->meta;
+  if (meta->properties != nullptr) {
+    // colr, auxC and hvcC all keep their buffer in the third payload word.
+    for (uint32_t i = 0; i < meta->property_cnt && i < meta->property_capacity; ++i) {
+      tarnd_property *p = &meta->properties[i];
+      if (owns_buffer(p->type)) free(p->payload.colr.icc_data);
+    }
+  }
+  if (meta->items != nullptr) {
+    for (uint32_t i = 0; i < meta->item_cnt; ++i) {
+      tarnd_item *item = &meta->items[i];
+      const uint32_t t = item->item_type;
+      if (t == kFccExif || t == kFccMime || t == kFccTmap) free(item->view.meta.cache_data);
+      // Every list, counted or not: a reference box that failed half-way
+      // leaves its list in the first uncounted slot.
+      for (uint32_t r = 0; r < TARND_MAX_REFS; ++r) free(item->ref_to_ids[r]);
+    }
+  }
+  for (uint32_t g = 0; g < meta->group_cnt && g < TARND_MAX_GROUPS; ++g)
+    free(meta->groups[g].entityIDList);
+  free(meta->items);
+  free(meta->properties);
+  free(meta->association_list);
+  free(ctx->displayable_ids);
+  free(meta->idat);
+}
+
+bool create_item_tables(tarnd_ctx *ctx) {
+  tarnd_meta *meta = &ctx->meta;
+  if (meta->items == nullptr) {
+    meta->items = static_cast<tarnd_item *>(calloc(meta->item_cnt, sizeof(tarnd_item)));
+    if (meta->items == nullptr) {
+      TARN_LOGW("tarnd_handlers", "failed to alloc item table");
+      return false;
+    }
+    meta->last_item_id = -1;
+  }
+  if (ctx->displayable_ids == nullptr) {
+    ctx->displayable_ids = static_cast<uint32_t *>(calloc(meta->item_cnt, sizeof(uint32_t)));
+    if (ctx->displayable_ids == nullptr) {
+      TARN_LOGW("tarnd_handlers", "failed to alloc displayable image table");
+      return false;
+    }
+  }
+  return true;
+}
+
+tarnd_property *claim_property_slot(tarnd_ctx *ctx, const tarnd_box *box, const char *parser) {
+  tarnd_meta *meta = &ctx->meta;
+  if (meta->properties == nullptr) {
+    TARN_LOGE("tarnd_handlers", "%s : abnormal file. maybe ipco box does not exist.", parser);
+    return nullptr;
+  }
+  if (meta->property_cnt >= meta->property_capacity) {
+    TARN_LOGE("tarnd_handlers", "%s : abnormal file. abnormal property exist.", parser);
+    return nullptr;
+  }
+  tarnd_property *slot = &meta->properties[meta->property_cnt];
+  slot->type = box->type;
+  return slot;
+}
+
+}  // namespace tarnd
+
+using namespace tarnd;
+
+int32_t tarnd_find_itemIndex(const tarnd_item *items, uint32_t item_cnt, uint32_t item_id,
+                             uint32_t *index) {
+  if (items == nullptr || item_cnt == 0) return -1;
+  if (item_id < items[0].item_id) return -1;
+  // Most files number their items from 1 in slot order.
+  if (item_id >= 1 && item_id < item_cnt && items[item_id - 1].item_id == item_id) {
+    *index = item_id - 1;
+    return 0;
+  }
+  // Others number them consecutively from the first slot's id.
+  if (item_id >= item_cnt) {
+    const uint32_t d = item_id - items[0].item_id;
+    if (d < item_cnt && items[d].item_id == item_id) {
+      *index = d;
+      return 0;
+    }
+  }
+  for (uint32_t i = 0; i < item_cnt; ++i) {
+    if (items[i].item_id == item_id) {
+      *index = i;
+      return 0;
+    }
+  }
+  TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
+            static_cast<int>(item_id), item_cnt);
+  return -1;
+}
+
+void *tarnd_create(const tarnd_io_dsc *io, uint32_t reserved, tarnd_file_info *file_info,
+                   int32_t *err) {
+  (void)reserved;
+  if (io == nullptr || file_info == nullptr || io->open == nullptr) {
+    if (err != nullptr) *err = -6;
+    return nullptr;
+  }
+  void *handle = io->open(io, 0);
+  if (handle == nullptr) {
+    TARN_LOGE("tarnd", " file open failed");
+    if (err != nullptr) *err = -6;
+    return nullptr;
+  }
+  tarnd_ctx *ctx = static_cast<tarnd_ctx *>(calloc(1, sizeof(tarnd_ctx)));
+  if (ctx == nullptr) {
+    if (io->close != nullptr) io->close(handle);
+    if (err != nullptr) *err = -5;
+    return nullptr;
+  }
+  ctx->magic = TARND_MAGIC;
+  ctx->self = ctx;
+  ctx->io = *io;
+  ctx->handle = handle;
+
+  const char *failure = nullptr;
+  if (tarnd_parse(tarnd_handlers(), tarnd_handlers_cnt(), tarnd_handlers_containr_fcc(),
+                  tarnd_handlers_containr_fcc_cnt(), io, handle, ctx) != 1) {
+    failure = "tarnd_parse() failed";
+  } else if (ctx->meta.items == nullptr) {
+    failure = "ctx->meta.items is NULL";
+  } else if (ctx->meta.properties == nullptr) {
+    failure = "ctx->meta.properties is NULL";
+  } else if (ctx->meta.association_list == nullptr) {
+    failure = "ctx->meta.association_list is NULL";
+  }
+  if (failure != nullptr) {
+    TARN_LOGE("tarnd", "%s", failure);
+    tarnd_delete(ctx);
+    if (err != nullptr) *err = -2;
+    return nullptr;
+  }
+
+  bind_properties(ctx);
+  mark_stereo_pairs(ctx);
+  file_info->brand = ctx->brand;
+  file_info->reserved = 0;
+  if (err != nullptr) *err = 0;
+  return ctx->self;
+}
+
+void tarnd_delete(void *handle) {
+  if (handle == nullptr) return;
+  uint32_t magic;
+  memcpy(&magic, handle, sizeof(magic));
+  if (magic != TARND_MAGIC) return;
+  tarnd_ctx *ctx = static_cast<tarnd_ctx *>(handle);
+  if (ctx->handle != nullptr && ctx->io.close != nullptr) ctx->io.close(ctx->handle);
+  release_model(ctx);
+  memset(ctx, 0, sizeof(*ctx));
+  free(ctx);
+}

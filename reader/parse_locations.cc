@@ -1,0 +1,162 @@
+// Item-location boxes: iloc, idat, mdat, dref.
+#include <stdlib.h>
+
+#include "common/log.h"
+#include "reader/internal.h"
+
+using namespace tarnd;
+
+namespace {
+
+// The item table must stay below 4 GiB.
+constexpr uint32_t kMaxItemCount = 18512790;
+// An iloc entry holds at least an item id, a data reference index and an
+// extent count of two bytes each.
+constexpr uint64_t kMinIlocEntrySize = 6;
+constexpr uint32_t kMaxItemId = 0xffff;
+// idat is held in memory whole; larger ones are refused.
+constexpr uint64_t kMaxIdatSize = 67108864;
+
+struct IlocLayout {
+  uint32_t offset_size;
+  uint32_t length_size;
+  uint32_t base_offset_size;
+  uint32_t index_size;
+  bool wide_ids;            // version 2: 32-bit item count and ids
+  bool has_construction;    // versions 1 and 2
+};
+
+bool read_item_id(const tarnd_io_dsc *io, void *handle, bool wide, uint32_t *id) {
+  if (wide) return read_u32(io, handle, id);
+  uint16_t id16;
+  if (!read_u16(io, handle, &id16)) return false;
+  *id = id16;
+  return true;
+}
+
+// Reads one entry after its item id and stores its location in *item. Only
+// the last extent is kept; an entry without extents has no data.
+bool read_entry(const tarnd_io_dsc *io, void *handle, const IlocLayout &l, tarnd_item *item) {
+  uint16_t method = 0, data_ref, extent_cnt;
+  if (l.has_construction && !read_u16(io, handle, &method)) return false;
+  if (!read_u16(io, handle, &data_ref)) return false;
+  uint64_t base = 0;
+  if (!read_sized(io, handle, l.base_offset_size, &base)) return false;
+  if (!read_u16(io, handle, &extent_cnt)) return false;
+  uint64_t offset = 0, length = 0;
+  for (uint32_t e = 0; e < extent_cnt; ++e) {
+    uint64_t index;
+    if (!read_sized(io, handle, l.index_size, &index)) return false;
+    if (!read_sized(io, handle, l.offset_size, &offset)) return false;
+    if (!read_sized(io, handle, l.length_size, &length)) return false;
+  }
+  if (l.has_construction) item->construction_method = method & 0xfu;
+  // Wrapping is harmless here: every later read checks offset and length
+  // against the data it serves.
+  item->offset = extent_cnt != 0 ? base + offset : 0;
+  item->length = extent_cnt != 0 ? length : 0;
+  return true;
+}
+
+}  // namespace
+
+int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  uint8_t sizes[2];
+  if (!read_bytes(io, handle, sizes, 2)) return -1;
+  IlocLayout layout;
+  layout.offset_size = sizes[0] >> 4;
+  layout.length_size = sizes[0] & 0xfu;
+  layout.base_offset_size = sizes[1] >> 4;
+  layout.has_construction = box->version == 1 || box->version == 2;
+  // The index size shares its nibble with a reserved field in version 0.
+  layout.index_size = layout.has_construction ? (sizes[1] & 0xfu) : 0;
+  layout.wide_ids = box->version == 2;
+
+  uint32_t count;
+  if (!read_item_id(io, handle, layout.wide_ids, &count)) return -1;
+  uint64_t left = 0;
+  if (!bytes_left(io, handle, box, &left)) return -1;
+  if (count == 0 || count > kMaxItemCount || count > left / kMinIlocEntrySize) {
+    TARN_LOGW("tarnd_handlers", "%s : item count is abnormal(%u)", "parser_iloc", count);
+    return -1;
+  }
+  tarnd_meta *meta = &ctx->meta;
+  if (meta->item_cnt != 0) {
+    if (meta->item_cnt < count)
+      TARN_LOGW("tarnd_handlers", "Warning! item count of iloc is more than it of iinf!");
+    else if (meta->item_cnt > count)
+      TARN_LOGW("tarnd_handlers", "Warning! item count of iloc is less than it of iinf!");
+  } else {
+    meta->item_cnt = count;
+  }
+  if (!create_item_tables(ctx)) return -1;
+  meta->infe_index = 0;
+
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t id;
+    if (!read_item_id(io, handle, layout.wide_ids, &id)) return -1;
+    if (id > kMaxItemId) {
+      TARN_LOGW("tarnd_handlers", "%s : item id is too big(%u)", "parser_iloc", id);
+      return -1;
+    }
+    if (meta->infe_index >= meta->item_cnt) {
+      TARN_LOGW("tarnd_handlers", "items are more than item count(%u)", meta->item_cnt);
+      return -1;
+    }
+    tarnd_item *item = &meta->items[meta->infe_index];
+    if (item->item_id == 0) {
+      item->item_id = static_cast<uint16_t>(id);
+    } else {
+      uint32_t slot;
+      if (tarnd_find_itemIndex(meta->items, meta->item_cnt, id, &slot) != 0) {
+        TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found",
+                  "parser_iloc", static_cast<int>(id));
+        return -1;
+      }
+      item = &meta->items[slot];
+    }
+    if (!read_entry(io, handle, layout, item)) return -1;
+    ++meta->infe_index;
+  }
+  return 0;
+}
+
+int32_t parser_idat(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  uint64_t left = 0;
+  if (!bytes_left(io, handle, box, &left)) return -1;
+  uint8_t *data = nullptr;
+  if (box->size <= kMaxIdatSize) {
+    // A payload the source does not hold fails like a short read, before it
+    // sizes a buffer.
+    if (box->payload_size > left) return -1;
+    data = static_cast<uint8_t *>(malloc(static_cast<size_t>(box->payload_size != 0 ? box->payload_size : 1)));
+  }
+  if (data == nullptr) {
+    TARN_LOGW("tarnd_handlers", "parser_idat failed to alloc idat(alloc size : %llu)",
+              static_cast<unsigned long long>(box->payload_size));
+    return -1;
+  }
+  if (!read_bytes(io, handle, data, static_cast<uint32_t>(box->payload_size))) {
+    free(data);
+    return -1;
+  }
+  free(ctx->meta.idat);
+  ctx->meta.idat = data;
+  ctx->meta.idat_size = box->payload_size;
+  return 0;
+}
+
+int32_t parser_mdat(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  (void)io;
+  (void)handle;
+  ctx->mdat_found = 1;
+  ctx->mdat_offset = box->start;
+  ctx->mdat_size = box->size;
+  return 0;
+}
+
+int32_t parser_dref(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  (void)ctx;
+  // Every item is taken to live in this file.
+  return seek_to(io, handle, box->end) ? 0 : -1;
+}

@@ -1,0 +1,372 @@
+// The box walker: one flat pass over the source, dispatching each box by its
+// code through a constant handler table, plus the bounded read helpers every
+// parser goes through.
+#include <stdlib.h>
+#include <string.h>
+
+#include "common/log.h"
+#include "reader/internal.h"
+
+namespace tarnd {
+
+bool read_u8(const tarnd_io_dsc *io, void *handle, uint8_t *v) {
+  return read_bytes(io, handle, v, 1);
+}
+
+bool read_u16(const tarnd_io_dsc *io, void *handle, uint16_t *v) {
+  uint8_t b[2];
+  if (!read_bytes(io, handle, b, 2)) return false;
+  *v = static_cast<uint16_t>(b[0] << 8 | b[1]);
+  return true;
+}
+
+bool read_u32(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
+  uint8_t b[4];
+  if (!read_bytes(io, handle, b, 4)) return false;
+  *v = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
+       static_cast<uint32_t>(b[2]) << 8 | b[3];
+  return true;
+}
+
+bool read_u64(const tarnd_io_dsc *io, void *handle, uint64_t *v) {
+  uint32_t hi, lo;
+  if (!read_u32(io, handle, &hi) || !read_u32(io, handle, &lo)) return false;
+  *v = static_cast<uint64_t>(hi) << 32 | lo;
+  return true;
+}
+
+bool read_sized(const tarnd_io_dsc *io, void *handle, uint32_t width, uint64_t *v) {
+  if (width == 8) return read_u64(io, handle, v);
+  if (width == 4) {
+    uint32_t v32;
+    if (!read_u32(io, handle, &v32)) return false;
+    *v = v32;
+    return true;
+  }
+  *v = 0;
+  return true;
+}
+
+bool read_fcc(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
+  uint8_t b[4];
+  if (!read_bytes(io, handle, b, 4)) return false;
+  *v = fcc_load(b);
+  return true;
+}
+
+bool seek_to(const tarnd_io_dsc *io, void *handle, uint64_t position) {
+  return io->seek(handle, &position) == 0;
+}
+
+bool skip_by(const tarnd_io_dsc *io, void *handle, uint64_t count) {
+  return io->skip(handle, &count) == 0;
+}
+
+bool bytes_left(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, uint64_t *left) {
+  uint64_t pos = 0, size = 0;
+  if (io->tell(handle, &pos) != 0 || io->get_size(handle, &size) != 0) return false;
+  const uint64_t end = box->end < size ? box->end : size;
+  *left = pos < end ? end - pos : 0;
+  return true;
+}
+
+}  // namespace tarnd
+
+using namespace tarnd;
+
+namespace {
+
+// Sorted by code value (first character least significant), so that
+// tarn_bsearch finds a row in at most six steps.
+const tarnd_handler kHandlers[] = {
+    {TARND_FCC('h', 'v', 'c', 'C'), 0, 1, 1, parser_hvcC},
+    {TARND_FCC('a', 'u', 'x', 'C'), 1, 0, 1, parser_auxC},
+    {TARND_FCC('i', 'p', 'm', 'a'), 1, 0, 0, parser_ipma},
+    {TARND_FCC('m', 'e', 't', 'a'), 1, 0, 0, nullptr},
+    {TARND_FCC('t', 'h', 'm', 'b'), 0, 0, 0, parser_single_iref},
+    {TARND_FCC('i', 'l', 'o', 'c'), 1, 0, 0, parser_iloc},
+    {TARND_FCC('r', 'l', 'o', 'c'), 1, 0, 1, parser_unknown_property},
+    {TARND_FCC('c', 'd', 's', 'c'), 0, 0, 0, parser_single_iref},
+    {TARND_FCC('i', 'n', 'f', 'e'), 1, 0, 0, parser_infe},
+    {TARND_FCC('i', 's', 'p', 'e'), 1, 0, 1, parser_ispe},
+    {TARND_FCC('d', 'r', 'e', 'f'), 1, 0, 0, parser_dref},
+    {TARND_FCC('i', 'r', 'e', 'f'), 1, 0, 0, nullptr},
+    {TARND_FCC('d', 'i', 'n', 'f'), 0, 0, 0, nullptr},
+    {TARND_FCC('i', 'i', 'n', 'f'), 1, 0, 0, parser_iinf},
+    {TARND_FCC('d', 'i', 'm', 'g'), 0, 0, 0, parser_single_iref},
+    {TARND_FCC('c', 'l', 'l', 'i'), 0, 0, 1, parser_unknown_property},
+    {TARND_FCC('p', 'i', 'x', 'i'), 1, 0, 1, parser_unknown_property},
+    {TARND_FCC('l', 's', 'e', 'l'), 0, 0, 1, parser_unknown_property},
+    {TARND_FCC('g', 'r', 'p', 'l'), 0, 0, 0, nullptr},
+    {TARND_FCC('a', 'u', 'x', 'l'), 0, 0, 0, parser_single_iref},
+    {TARND_FCC('p', 'i', 't', 'm'), 1, 0, 0, parser_pitm},
+    {TARND_FCC('i', 'p', 'c', 'o'), 0, 0, 0, parser_ipco},
+    {TARND_FCC('c', 'l', 'a', 'p'), 0, 0, 1, parser_clap},
+    {TARND_FCC('i', 'p', 'r', 'p'), 0, 0, 0, nullptr},
+    {TARND_FCC('p', 'a', 's', 'p'), 0, 0, 1, parser_unknown_property},
+    {TARND_FCC('f', 't', 'y', 'p'), 0, 1, 0, parser_ftyp},
+    {TARND_FCC('s', 't', 'e', 'r'), 1, 0, 0, parser_ster},
+    {TARND_FCC('i', 'm', 'i', 'r'), 0, 0, 1, parser_unknown_property},
+    {TARND_FCC('h', 'd', 'l', 'r'), 1, 1, 0, parser_hdlr},
+    {TARND_FCC('c', 'o', 'l', 'r'), 0, 0, 1, parser_colr},
+    {TARND_FCC('i', 'd', 'a', 't'), 0, 0, 0, parser_idat},
+    {TARND_FCC('m', 'd', 'a', 't'), 0, 1, 0, parser_mdat},
+    {TARND_FCC('i', 'r', 'o', 't'), 0, 0, 1, parser_irot},
+};
+
+constexpr int32_t kHandlerCount = static_cast<int32_t>(sizeof(kHandlers) / sizeof(kHandlers[0]));
+
+// Only these containers are pushed: a child that claims to run past the
+// source resumes at its container's end.
+const char kContainers[] = "metadinfiinfiprp";
+constexpr int32_t kContainerCount = 4;
+
+constexpr uint64_t kBoxHeaderSize = 8;
+constexpr uint64_t kLargeBoxHeaderSize = 16;
+constexpr uint64_t kFullBoxFieldsSize = 4;
+// Beyond this many unknown boxes the source is taken to be no HEIF file.
+constexpr int32_t kMaxUnknownBoxes = 8192;
+constexpr uint32_t kFccTrld = TARND_FCC('t', 'r', 'l', 'd');
+
+void pop_ended(tarnd_cstack *stack, uint64_t position) {
+  while (*stack != nullptr && (*stack)->end <= position) tarnd_cstack_pop(stack);
+}
+
+// Outcome of one step of the walk.
+enum class Step { kNext, kStop, kLeave };
+
+struct Walk {
+  const tarnd_handler *handlers;
+  int32_t handler_cnt;
+  const char *containers;
+  int32_t container_cnt;
+  const tarnd_io_dsc *io;
+  void *handle;
+  tarnd_ctx *ctx;
+  uint64_t source_size;
+  uint64_t pos;
+  tarnd_cstack stack;
+  int32_t unknown_cnt;
+  bool in_ipco;
+  uint64_t ipco_end;
+};
+
+// Reads the box header at w->pos into *box. Returns false to stop the walk.
+bool read_header(Walk *w, tarnd_box *box) {
+  uint32_t size32;
+  if (!read_u32(w->io, w->handle, &size32) || !read_fcc(w->io, w->handle, &box->type))
+    return false;
+  box->start = w->pos;
+  box->header_size = kBoxHeaderSize;
+  box->version = 0;
+  box->flags = 0;
+  uint64_t size;
+  if (size32 == 1) {
+    if (!read_u64(w->io, w->handle, &size)) return false;
+    if (size < kLargeBoxHeaderSize) {
+      TARN_LOGE("tarnd_parse", "size of 64bit atom is too small");
+      return false;
+    }
+    box->header_size = kLargeBoxHeaderSize;
+  } else if (size32 == 0) {
+    // The box runs to the end of the source.
+    size = w->source_size > w->pos ? w->source_size - w->pos : 0;
+  } else if (size32 < kBoxHeaderSize) {
+    TARN_LOGE("tarnd_parse", "size of 32bit atom is too small");
+    return false;
+  } else {
+    size = size32;
+  }
+  if (size > UINT64_MAX - w->pos) {
+    TARN_LOGE("tarnd_parse", "atom size is too big(%llu)", static_cast<unsigned long long>(size));
+    return false;
+  }
+  box->size = size;
+  box->end = w->pos + size;
+  return true;
+}
+
+Step handle_unknown(Walk *w, const tarnd_box *box) {
+  if (w->unknown_cnt > kMaxUnknownBoxes) {
+    TARN_LOGW("tarnd_parse", "Too much unknown atom (%d)", w->unknown_cnt + 1);
+    return Step::kStop;
+  }
+  if (box->type == kFccTrld && box->end > w->source_size) {
+    TARN_LOGD("tarnd_parse", "trld size is not matched");
+    return Step::kStop;
+  }
+  if (!seek_to(w->io, w->handle, box->end)) return Step::kStop;
+  ++w->unknown_cnt;
+  return Step::kNext;
+}
+
+// Takes one property slot for a box met inside ipco that has no parser
+// filling one. False when the table is full.
+bool take_stray_slot(tarnd_ctx *ctx) {
+  if (ctx->meta.property_cnt >= ctx->meta.property_capacity) {
+    TARN_LOGE("tarnd_parse", "%s : abnormal file. abnormal property exist.", "tarnd_parse");
+    return false;
+  }
+  ++ctx->meta.property_cnt;
+  return true;
+}
+
+Step walk_box(Walk *w) {
+  uint64_t start = 0;
+  if (w->io->tell(w->handle, &start) != 0) return Step::kLeave;
+  pop_ended(&w->stack, start);
+
+  tarnd_box box;
+  if (!read_header(w, &box)) return Step::kStop;
+
+  if (box.end > w->source_size && w->stack != nullptr) {
+    if (!seek_to(w->io, w->handle, w->stack->end)) return Step::kStop;
+    return Step::kNext;
+  }
+  if (tarnd_search_fcc(box.type, w->containers, w->container_cnt) >= 0) {
+    tarnd_cstack_node node = {nullptr, box.end};
+    if (tarnd_cstack_push(&w->stack, &node) != 0) return Step::kStop;
+  }
+  const tarnd_handler *row = static_cast<const tarnd_handler *>(
+      tarn_bsearch(w->handlers, w->handler_cnt, sizeof(tarnd_handler), &box.type,
+                   tarnd_grammar_compare, nullptr));
+
+  if (w->in_ipco) {
+    if (w->pos >= w->ipco_end) {
+      w->in_ipco = false;
+    } else if (row != nullptr && !row->is_property) {
+      TARN_LOGI("tarnd_parse", "box type : %u is in ipco box", box.type);
+      if (!take_stray_slot(w->ctx)) return Step::kStop;
+      if (!seek_to(w->io, w->handle, box.end)) return Step::kStop;
+      return Step::kNext;
+    } else if (row == nullptr) {
+      if (!take_stray_slot(w->ctx)) return Step::kStop;
+    }
+  }
+  if (row == nullptr) return handle_unknown(w, &box);
+
+  if (box.type == kFccIpco) {
+    w->ipco_end = box.end;
+    w->in_ipco = true;
+  }
+  if (row->full_box) {
+    uint8_t vf[4];
+    if (!read_bytes(w->io, w->handle, vf, 4)) return Step::kStop;
+    box.version = vf[0];
+    box.flags = static_cast<uint32_t>(vf[1]) << 16 | static_cast<uint32_t>(vf[2]) << 8 | vf[3];
+    box.header_size += kFullBoxFieldsSize;
+    if (box.type == kFccIref) w->ctx->iref_version = box.version;
+  }
+  // A box too small for its own header would give the parser a negative
+  // payload.
+  if (box.size < box.header_size) {
+    TARN_LOGE("tarnd_parse", "size of 32bit atom is too small");
+    return Step::kStop;
+  }
+  box.payload_size = box.size - box.header_size;
+
+  if (row->parse == nullptr) return Step::kNext;
+  if (row->parse(w->io, w->handle, &box, w->ctx) != 0) return Step::kStop;
+  uint64_t after = 0;
+  if (w->io->tell(w->handle, &after) != 0) return Step::kStop;
+  if (after < box.end && row->skip_rest) {
+    if (!seek_to(w->io, w->handle, box.end)) return Step::kStop;
+  }
+  return Step::kNext;
+}
+
+}  // namespace
+
+int32_t tarnd_parse(const tarnd_handler *handlers, int32_t handler_cnt, const char *containers,
+                    int32_t container_cnt, const tarnd_io_dsc *io, void *handle, tarnd_ctx *ctx) {
+  Walk w;
+  memset(&w, 0, sizeof(w));
+  w.handlers = handlers;
+  w.handler_cnt = handler_cnt;
+  w.containers = containers;
+  w.container_cnt = container_cnt;
+  w.io = io;
+  w.handle = handle;
+  w.ctx = ctx;
+  if (io->get_size(handle, &w.source_size) != 0) return 1;
+  tarnd_cstack_init(&w.stack);
+
+  int32_t result = 0;
+  bool stopped = false;
+  for (;;) {
+    // Signed, so that a source shorter than a box header ends the walk at once.
+    if (static_cast<int64_t>(w.pos) >= static_cast<int64_t>(w.source_size) - 8) break;
+    Step step = walk_box(&w);
+    if (step == Step::kStop) {
+      stopped = true;
+      break;
+    }
+    if (step == Step::kLeave) break;
+    uint64_t next = 0;
+    int32_t r = io->tell(handle, &next);
+    if (r != 0) {
+      result = r;
+      break;
+    }
+    w.pos = next;
+  }
+  tarnd_cstack_deinit(&w.stack);
+  if (stopped) return 1;
+  if (static_cast<int64_t>(w.pos) >= static_cast<int64_t>(w.source_size) - 8 &&
+      w.pos <= w.source_size)
+    return 1;
+  return result;
+}
+
+const tarnd_handler *tarnd_handlers(void) { return kHandlers; }
+int32_t tarnd_handlers_cnt(void) { return kHandlerCount; }
+const char *tarnd_handlers_containr_fcc(void) { return kContainers; }
+int32_t tarnd_handlers_containr_fcc_cnt(void) { return kContainerCount; }
+
+int32_t tarnd_grammar_compare(const void *key, const void *row, void *user) {
+  (void)user;
+  uint32_t code;
+  memcpy(&code, key, sizeof(code));
+  const uint32_t fcc = static_cast<const tarnd_handler *>(row)->fcc;
+  // Printable codes keep the difference inside the signed range.
+  return static_cast<int32_t>(static_cast<int64_t>(code) - static_cast<int64_t>(fcc));
+}
+
+int32_t tarnd_search_fcc(uint32_t fcc, const char *list, int32_t count) {
+  if (list == nullptr || count < 1) return -1;
+  for (int32_t i = 0; i < count; ++i) {
+    if (fcc_load(reinterpret_cast<const uint8_t *>(list) + 4 * i) == fcc) return i;
+  }
+  return -1;
+}
+
+void tarnd_cstack_init(tarnd_cstack *stack) { *stack = nullptr; }
+
+int32_t tarnd_cstack_push(tarnd_cstack *stack, const tarnd_cstack_node *node) {
+  tarnd_cstack_node *n = static_cast<tarnd_cstack_node *>(malloc(sizeof(tarnd_cstack_node)));
+  if (n == nullptr) return -1;
+  *n = *node;
+  n->next = *stack;
+  *stack = n;
+  return 0;
+}
+
+tarnd_cstack_node *tarnd_cstack_top(tarnd_cstack *stack) { return *stack; }
+
+void tarnd_cstack_pop(tarnd_cstack *stack) {
+  tarnd_cstack_node *top = *stack;
+  if (top == nullptr) return;
+  *stack = top->next;
+  free(top);
+}
+
+void tarnd_cstack_deinit(tarnd_cstack *stack) {
+  while (*stack != nullptr) tarnd_cstack_pop(stack);
+}
+
+int32_t tarnd_parse_containr_end(const tarnd_io_dsc *io, void *handle, tarnd_cstack *stack) {
+  uint64_t position = 0;
+  if (io->tell(handle, &position) != 0) return -1;
+  pop_ended(stack, position);
+  return 0;
+}
