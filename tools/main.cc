@@ -1,18 +1,45 @@
-// The tarn command-line tool: the library's first client, using only its
+// tarn: a command-line companion to libtarn for inspecting, extracting from
+// and writing HEIC files. It is the library's first client and uses only its
 // public API.
 #include <cstdio>
 #include <cstring>
 
+#include "cli.h"
 #include "tarn/tarn.h"
 
 namespace {
 
+struct Command {
+  const char *name;
+  int (*run)(int argc, char **argv);
+  const char *summary;
+};
+
+const Command kCommands[] = {
+    {"info", tarn_cli::cmd_info, "describe the images, metadata and groups of HEIF files"},
+    {"extract", tarn_cli::cmd_extract, "write an image's coded data as an Annex-B stream (or JPEG)"},
+    {"exif", tarn_cli::cmd_exif, "write the primary image's Exif data as a TIFF stream"},
+    {"xmp", tarn_cli::cmd_xmp, "write the primary image's XMP packet"},
+    {"mux", tarn_cli::cmd_mux, "build a HEIC file from Annex-B HEVC frames and metadata"},
+    {"boxes", tarn_cli::cmd_boxes, "print the box tree with offsets and sizes"},
+};
+
 void usage(FILE *out) {
   std::fprintf(out,
-               "usage: tarn [--version] [--help] <command> [args]\n"
+               "usage: tarn [--version] [--help] <command> [options] [args]\n"
                "\n"
-               "libtarn %s: reads and writes HEIF/HEIC files without decoding a pixel.\n",
+               "libtarn %s: reads and writes HEIF/HEIC files without decoding a pixel.\n"
+               "\n"
+               "commands:\n",
                tarn_version());
+  for (const auto &c : kCommands) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
+  std::fprintf(out,
+               "\n"
+               "Run 'tarn <command> --help' for a command's options. Every command takes -v to\n"
+               "show the library's log lines on stderr.\n"
+               "\n"
+               "exit status: 0 done, 1 a file could not be read, parsed or written,\n"
+               "             2 bad command line\n");
 }
 
 }  // namespace
@@ -20,16 +47,20 @@ void usage(FILE *out) {
 int main(int argc, char **argv) {
   if (argc < 2) {
     usage(stderr);
-    return 2;
+    return tarn_cli::kExitUsage;
   }
-  if (std::strcmp(argv[1], "--version") == 0) {
+  const char *name = argv[1];
+  if (std::strcmp(name, "--version") == 0 || std::strcmp(name, "version") == 0) {
     std::printf("tarn %s\n", tarn_version());
-    return 0;
+    return tarn_cli::kExitOk;
   }
-  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+  if (std::strcmp(name, "--help") == 0 || std::strcmp(name, "-h") == 0 || std::strcmp(name, "help") == 0) {
     usage(stdout);
-    return 0;
+    return tarn_cli::kExitOk;
   }
-  std::fprintf(stderr, "tarn: unknown command '%s' (see tarn --help)\n", argv[1]);
-  return 2;
+  for (const auto &c : kCommands) {
+    if (std::strcmp(name, c.name) == 0) return c.run(argc, argv);
+  }
+  std::fprintf(stderr, "tarn: unknown command '%s' (see tarn --help)\n", name);
+  return tarn_cli::kExitUsage;
 }
