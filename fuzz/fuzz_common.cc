@@ -1,0 +1,58 @@
+#include "fuzz_common.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "tarn/tarn.h"
+
+namespace tarn_fuzz {
+
+void exercise_reader(const uint8_t *data, size_t size) {
+  tarnd_io_dsc io;
+  if (tarnd_io_init_memory(&io, data, size) != 0) return;
+  tarnd_file_info info{};
+  int32_t err = 0;
+  void *handle = tarnd_create(&io, 0, &info, &err);
+  if (handle == nullptr) return;
+  const tarnd_ctx *ctx = static_cast<const tarnd_ctx *>(handle);
+  // Ids to ask about: every item, plus ids no item has.
+  std::vector<uint32_t> ids = {0, 1, 0xFFFF, 0x10000, 0xFFFFFFFFu};
+  for (uint32_t i = 0; i < ctx->meta.item_cnt && i < 4096; ++i) ids.push_back(ctx->meta.items[i].item_id);
+  for (uint32_t id : ids) {
+    const int32_t item = static_cast<int32_t>(id);
+    for (uint32_t code = 0; code <= 8; ++code) {
+      uint32_t out = 0;
+      tarnd_get_image_id(handle, code, id, &out);
+    }
+    tarnd_image_info image{};
+    tarnd_get_info_image(handle, item, &image);
+    if (image.config_data != nullptr && image.config_size > 0) {
+      volatile uint8_t sink = image.config_data[image.config_size - 1];
+      (void)sink;
+    }
+    tarnd_grid_info grid{};
+    tarnd_get_info_item(handle, item, TARND_INFO_GRID, &grid);
+    for (uint32_t kind : {1u, 2u, 3u, 4u, 5u, 6u}) {
+      tarnd_item_data meta{nullptr, 0};
+      if (tarnd_get_info_item(handle, item, kind, &meta) == 0 && meta.data != nullptr && meta.size > 0) {
+        volatile uint8_t sink = meta.data[meta.size - 1];
+        (void)sink;
+      }
+    }
+    uint32_t refs[8];
+    tarnd_get_list_referenceto(handle, item, refs, 8);
+    int32_t needed = 0;
+    if (tarnd_get_image_frm(handle, item, nullptr, 0, &needed) == 0 && needed > 0 && needed <= (16 << 20)) {
+      for (int32_t cap : {needed, needed - 1, needed / 2, 4}) {
+        if (cap <= 0) continue;
+        std::vector<uint8_t> buf(static_cast<size_t>(cap));
+        int32_t got = 0;
+        tarnd_get_image_frm(handle, item, buf.data(), cap, &got);
+      }
+    }
+  }
+  tarnd_delete(handle);
+}
+
+}  // namespace tarn_fuzz
