@@ -50,7 +50,18 @@ uint32_t memory_read(void *handle, void *buffer, uint32_t count) {
   MemorySource *src = static_cast<MemorySource *>(handle);
   const uint64_t left = src->size - src->pos;
   const uint32_t n = count > left ? static_cast<uint32_t>(left) : count;
-  if (n != 0) memcpy(buffer, src->data + src->pos, n);
+  const uint8_t *from = src->data + src->pos;
+  // Box fields are read a few bytes at a time: copies of a constant size
+  // become plain loads instead of a library call.
+  if (n == 4) {
+    memcpy(buffer, from, 4);
+  } else if (n == 2) {
+    memcpy(buffer, from, 2);
+  } else if (n == 1) {
+    memcpy(buffer, from, 1);
+  } else if (n != 0) {
+    memcpy(buffer, from, n);
+  }
   src->pos += n;
   return n;
 }

@@ -37,25 +37,35 @@ uint16_t item_id_of(const uint8_t *iloc_element) {
 constexpr uint32_t kScanBlock = 64;
 
 #if defined(__SSE2__)
-// Bit k set when byte k of the block is zero.
-uint64_t zero_positions(const uint8_t *p) {
+// Copies one block to dst and returns its zero bytes (bit k set when byte k
+// is zero). Each byte is loaded once for both jobs, and a block without a
+// zero byte costs a single mask test.
+uint64_t copy_block(uint8_t *dst, const uint8_t *src) {
   const __m128i zero = _mm_setzero_si128();
+  __m128i v[kScanBlock / 16];
+  __m128i z[kScanBlock / 16];
+  for (uint32_t k = 0; k < kScanBlock / 16; ++k) {
+    v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 16 * k));
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 16 * k), v[k]);
+    z[k] = _mm_cmpeq_epi8(v[k], zero);
+  }
+  const __m128i any = _mm_or_si128(_mm_or_si128(z[0], z[1]), _mm_or_si128(z[2], z[3]));
+  if (_mm_movemask_epi8(any) == 0) return 0;
   uint64_t mask = 0;
-  for (uint32_t k = 0; k < kScanBlock; k += 16) {
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + k));
-    mask |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero))))
-            << k;
+  for (uint32_t k = 0; k < kScanBlock / 16; ++k) {
+    mask |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(z[k]))) << (16 * k);
   }
   return mask;
 }
 #else
-uint64_t zero_positions(const uint8_t *p) {
+uint64_t copy_block(uint8_t *dst, const uint8_t *src) {
+  memcpy(dst, src, kScanBlock);
   // The minimum is a loop the compiler vectorises; most blocks stop there.
   uint8_t low = 0xFF;
-  for (uint32_t k = 0; k < kScanBlock; ++k) low = p[k] < low ? p[k] : low;
+  for (uint32_t k = 0; k < kScanBlock; ++k) low = src[k] < low ? src[k] : low;
   if (low != 0) return 0;
   uint64_t mask = 0;
-  for (uint32_t k = 0; k < kScanBlock; ++k) mask |= static_cast<uint64_t>(p[k] == 0) << k;
+  for (uint32_t k = 0; k < kScanBlock; ++k) mask |= static_cast<uint64_t>(src[k] == 0) << k;
   return mask;
 }
 #endif
@@ -119,9 +129,15 @@ void copy_converting(uint8_t *dst, const uint8_t *src, uint32_t size) {
   Converter conv(dst, src, size);
   uint32_t i = 0;
   for (; size - i >= kScanBlock; i += kScanBlock) {
-    memcpy(dst + i, src + i, kScanBlock);
-    const uint64_t zeros = zero_positions(src + i);
-    if (zeros != 0) conv.scan_block(i, zeros);
+    const uint64_t zeros = copy_block(dst + i, src + i);
+    // A start code begins with three zero bytes: keep the zeros followed by
+    // two more, and those of the block's last two bytes, whose followers are
+    // in the next block. Lone zeros and the 00 00 03 of emulation prevention,
+    // the kinds coded data holds, are never looked at.
+    const uint64_t last_one = uint64_t{1} << (kScanBlock - 1);
+    const uint64_t last_two = uint64_t{3} << (kScanBlock - 2);
+    const uint64_t runs = zeros & ((zeros >> 1) | last_one) & ((zeros >> 2) | last_two);
+    if (runs != 0) conv.scan_block(i, runs);
   }
   memcpy(dst + i, src + i, size - i);
   conv.scan(i, size);

@@ -1,138 +1,158 @@
-// Media types, key-frame rules on hand-made headers, and the image-buffer
-// helpers. Real encoder output is checked in keyframe_streams_test.cc.
+// Key frames of real encoder output (tests/data/keyframes, frame types as
+// ffprobe decoded them) and of hand-made headers, media types, image-buffer
+// helpers, aligned memory, strided copies and the fills (exact byte counts,
+// word and tail contents, nothing written outside the contract).
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <tuple>
 
+#include "support/files.h"
 #include "tarn/utils.h"
 
 namespace {
 
-int32_t fcc(const char *s) {
-  return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint8_t>(s[0])) |
-                              static_cast<uint32_t>(static_cast<uint8_t>(s[1])) << 8 |
-                              static_cast<uint32_t>(static_cast<uint8_t>(s[2])) << 16 |
-                              static_cast<uint32_t>(static_cast<uint8_t>(s[3])) << 24);
+using Bytes = std::vector<uint8_t>;
+
+// On an exact-size copy, so that AddressSanitizer sees any look past the frame.
+int32_t key_of(uint32_t type, const uint8_t *data, size_t size) {
+  const Bytes exact(data, data + size);
+  return omni_is_vkeyfrm(type, exact.empty() ? nullptr : exact.data(), static_cast<int32_t>(size));
 }
 
-TEST(MediaType, EveryCodeOfEveryTable) {
-  struct Family {
-    const char *name;
-    uint32_t (*fn)(int32_t);
-    std::vector<std::pair<std::string, uint32_t>> fccs;
-    std::vector<std::pair<int32_t, uint32_t>> numbers;
-  } const kFamilies[] = {
-      {"video", omni_fcc2mt_vid,
-       {{"DX50", 102}, {"dx50", 102}, {"M4S2", 102}, {"m4s2", 102}, {"FMP4", 102}, {"DIV4", 102},
-        {"div4", 102}, {"XVID", 102}, {"xvid", 102}, {"MP4V", 102}, {"mp4v", 102}, {"DIVX", 102},
-        {"divx", 102}, {"H263", 103}, {"h263", 103}, {"d263", 103}, {"s263", 103}, {"avc1", 104},
-        {"AVC1", 104}, {"H264", 104}, {"h264", 104}, {"X264", 104}, {"x264", 104}, {"avcC", 104},
-        {"WMV1", 105}, {"wmv1", 105}, {"WMV2", 106}, {"wmv2", 106}, {"WMV3", 107}, {"wmv3", 107},
-        {"DIV3", 110}, {"div3", 110}, {"FLV1", 111}, {"RV10", 113}, {"RV20", 114}, {"RV30", 115},
-        {"RV40", 116}, {"MP43", 117}, {"mp43", 117}, {"vc-1", 118}, {"WVC1", 118}, {"wvc1", 118},
-        {"VP80", 119}, {"hvc1", 120}, {"hev1", 120}, {"hvcC", 120}, {"vxhC", 120}, {"VP90", 121},
-        {"av01", 122}, {"av1C", 122}, {"apv1", 124},
-        // unknown video codes, including other families' codes
-        {"mp4a", 299}, {"hvc2", 299}, {"VP70", 299}, {"flv1", 299}, {"tx3g", 299}},
-       {{0, 299}, {85, 299}, {-1, 299}}},
-      {"audio", omni_fcc2mt_aud,
-       {{"aac ", 306}, {"mp4a", 306}, {"ac-3", 307}, {"samr", 309}, {"sawb", 310}, {"sqcp", 311},
-        {"dqcp", 311}, {"evrc", 321}, {"fLaC", 322}, {"sipr", 331}, {"cook", 332}, {"Opus", 334},
-        {"DSD ", 335}, {"ec-3", 337}, {"ac-4", 338}, {"opus", 499}, {"hvc1", 499}, {"flac", 499}},
-       {{1, 300}, {6, 301}, {7, 302}, {80, 304}, {85, 305}, {255, 306}, {8192, 307}, {8193, 308},
-        {352, 312}, {353, 312}, {354, 313}, {355, 314}, {61868, 322}, {157519, 323}, {17, 329},
-        {2, 330}, {0, 499}, {3, 499}, {356, 499}, {8194, 499}, {-1, 499}}},
-      {"drm", omni_fcc2mt_drm, {{"DIVX", 1100}, {"divx", 1100}, {"xvid", 1299}, {"DivX", 1299}},
-       {{0, 1299}}},
-      {"subtitle", omni_fcc2mt_sub,
-       {{"SSRT", 3000}, {"tx3g", 3006}, {"TX3G", 3006}, {"sbtl", 3006}, {"SBTL", 3006},
-        {"SASS", 3007}, {"SSSA", 3008}, {"wvtt", 3199}, {"stpp", 3199}},
-       {{0x54525353, 3000}, {0x67337874, 3006}, {0x53534153, 3007}, {0x41535353, 3008}, {1, 3199}}},
-  };
-  for (const auto &f : kFamilies) {
-    for (const auto &c : f.fccs) EXPECT_EQ(f.fn(fcc(c.first.c_str())), c.second) << f.name << " " << c.first;
-    for (const auto &c : f.numbers) EXPECT_EQ(f.fn(c.first), c.second) << f.name << " " << c.first;
+TEST(KeyFrame, RealStreamsAgreeWithTheDecoder) {
+  const std::pair<const char *, uint32_t> kClips[] = {
+      {"hevc_x265_open_gop.hevc", 120}, {"hevc_x265_closed_gop.hevc", 120}, {"avc_x264.h264", 104},
+      {"mpeg4_part2.m4v", 102}, {"h263.h263", 103}, {"flv1.flv1", 111}, {"vp8.vp8", 119}, {"vp9.vp9", 121},
+      {"wmv1.wmv1", 105}, {"wmv2.wmv2", 106}, {"div3.div3", 110}};
+  for (const auto &c : kClips) {
+    SCOPED_TRACE(c.first);
+    const std::string path = tarn_test::data_path(std::string("keyframes/") + c.first);
+    Bytes s;
+    tarn_test::read_file(path, &s);  // a missing clip fails the bounds check below
+    std::ifstream idx(path.substr(0, path.rfind('.')) + ".idx");
+    int64_t at, size, key, frames = 0, keys = 0;
+    std::string pict_type;
+    while (idx >> at >> size >> key >> pict_type) {
+      ASSERT_LE(size_t(at + size), s.size());
+      EXPECT_EQ(key_of(c.second, s.data() + at, size_t(size)), key) << "frame " << frames << " " << pict_type;
+      for (int64_t cut = 0; cut < 12 && cut < size; ++cut) key_of(c.second, s.data() + at, size_t(cut));
+      ++frames;
+      keys += key;
+    }
+    EXPECT_GT(keys, 1);
+    EXPECT_GT(frames, keys);
   }
 }
 
-TEST(MediaType, AnyKindAsksAudioThenVideoThenSubtitles) {
-  const struct {
-    int32_t code;
-    uint32_t type;
-  } kCases[] = {{fcc("hvc1"), 120}, {fcc("hev1"), 120}, {85, 305},          {fcc("DIVX"), 102},
-                {fcc("tx3g"), 3006}, {fcc("mp4a"), 306}, {fcc("zzzz"), 3199}, {0, 3199},
-                {fcc("SSSA"), 3008}, {fcc("av01"), 122}};
-  for (const auto &c : kCases) EXPECT_EQ(omni_fcc2mt(c.code), c.type) << c.code;
-}
-
+// The corners that no encoder run above reaches.
 TEST(KeyFrame, HeaderRules) {
-  struct Case {
-    const char *name;
-    uint32_t type;
-    std::vector<uint8_t> data;
-    int32_t key;
-  } const kCases[] = {
-      // The clips of keyframe_streams_test.cc cover ordinary frames; these are
-      // the corners no encoder run reaches.
-      {"avc sps pps idr", 104, {0, 0, 0, 1, 0x67, 0x42, 0, 0, 0, 1, 0x68, 0xCE, 0, 0, 1, 0x65}, 1},
-      {"avc three bytes", 104, {0, 0, 1}, 0},
-      {"avc start code at the very end", 104, {0x11, 0, 0, 1}, 0},
-      {"avc length-prefixed", 104, {0, 0, 0, 9, 0x65, 0x88, 0x80}, 0},
-      {"hevc sei then rasl", 120, {0, 0, 1, 0x4E, 0x01, 5, 0, 0, 1, 0x10, 0x01}, 0},
-      {"hevc reserved 22 is stepped over", 120, {0, 0, 1, 0x2C, 0x01, 0, 0, 1, 0x02, 0x01}, 0},
-      {"hevc no start code", 120, {0x26, 0x01, 0xAF, 0x00, 0x11}, 0},
-      {"mpeg4 short header intra", 102, {0, 0, 0x80, 0x02, 0x08, 0x00}, 1},
-      {"mpeg4 short header inter", 102, {0, 0, 0x80, 0x02, 0x0A, 0x00}, 0},
-      {"mpeg4 vop cut short", 102, {0, 0, 1, 0xB6}, 0},
-      {"h263 bad marker bits", 103, {0, 0, 0x80, 0x01, 0x08, 0, 0}, 0},
-      {"h263 plustype intra", 103, {0, 0, 0x80, 0x02, 0x1C, 0x00, 0, 0}, 1},
-      {"h263 plustype inter", 103, {0, 0, 0x80, 0x02, 0x1C, 0x10, 0, 0}, 0},
-      {"h263 plustype u=1 intra", 103, {0, 0, 0x80, 0x02, 0x1C, 0x80, 0, 0x00}, 1},
-      {"h263 plustype u=1 past the end", 103, {0, 0, 0x80, 0x02, 0x1C, 0x80, 0}, 0},
-      {"h263 six bytes", 103, {0, 0, 0x80, 0x02, 0x08, 0}, 0},
-      {"flv1 s=1 needs byte 8", 111, {0, 0, 0x84, 0x00, 0x80, 0, 0, 0}, 0},
-      {"flv1 s=1 intra", 111, {0, 0, 0x84, 0x00, 0x80, 0, 0, 0, 0x00}, 1},
-      {"flv1 s=2 uses byte 4", 111, {0, 0, 0x84, 0x01, 0x00, 0, 0x60}, 1},
-      {"vp8 five bytes", 119, {0x10, 0x02, 0x00, 0x9D, 0x01}, 0},
-      {"vp9 profile 3 key", 121, {0x8B, 0x00}, 1},
-      {"vp9 profile 3 needs byte 1", 121, {0x8B}, 0},
-      {"wmv3 unsupported", 107, {0x00, 0x00}, 0},
-      {"empty", 104, {}, 0},
-  };
-  for (const auto &c : kCases) {
-    std::vector<uint8_t> exact(c.data);  // exact size: AddressSanitizer catches over-reads
-    EXPECT_EQ(omni_is_vkeyfrm(c.type, exact.empty() ? nullptr : exact.data(),
-                              static_cast<int32_t>(exact.size())),
-              c.key)
-        << c.name;
-  }
+  const std::tuple<uint32_t, Bytes, int32_t> kCases[] = {  // media type, frame, key
+      // AVC: lengths instead of start codes, a start code at the very end. HEVC: BLA, reserved type 22.
+      // WMV3: no rule. VP9: profile 3 reads byte 1. MPEG-4 short headers; H.263 marker bits and
+      // extended PTYPE; FLV1 picture sizes s = 1, 2.
+      {104, {0, 0, 0, 9, 0x65, 0x88, 0x80}, 0}, {104, {0x11, 0, 0, 1}, 0}, {120, {0, 0, 1, 0x20, 1}, 1},
+      {120, {0, 0, 1, 0x2C, 1, 0, 0, 1, 0x02, 1}, 0}, {107, {0, 0}, 0}, {121, {0x8B, 0}, 1},
+      {121, {0x8B}, 0}, {102, {0, 0, 0x80, 2, 0x08, 0}, 1}, {102, {0, 0, 0x80, 2, 0x0A, 0}, 0},
+      {103, {0, 0, 0x80, 1, 0x08, 0, 0}, 0}, {103, {0, 0, 0x80, 2, 0x1C, 0x00, 0, 0}, 1},
+      {103, {0, 0, 0x80, 2, 0x1C, 0x10, 0, 0}, 0}, {103, {0, 0, 0x80, 2, 0x1C, 0x80, 0, 0}, 1},
+      {103, {0, 0, 0x80, 2, 0x1C, 0x80, 0}, 0}, {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0}, 0},
+      {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0, 0}, 1}, {111, {0, 0, 0x84, 1, 0, 0, 0x60}, 1}};
+  for (const auto &[type, f, key] : kCases) EXPECT_EQ(key_of(type, f.data(), f.size()), key) << type;
   const uint8_t idr[] = {0, 0, 1, 0x65};
-  EXPECT_EQ(omni_is_vkeyfrm(104, idr, 4), 1);
   EXPECT_EQ(omni_is_vkeyfrm(104, idr, -4), 0);
   EXPECT_EQ(omni_is_vkeyfrm(104, nullptr, 4), 0);
 }
 
-TEST(ImageBuffer, PlaneCountsAndLogarithms) {
-  const struct {
-    int32_t format;
-    uint32_t planes;
-  } kFormats[] = {{4, 3}, {7, 2}, {201, 1}, {202, 0}, {209, 0}, {210, 1}, {302, 0},
-                  {503, 1}, {504, 0}, {600, 3}, {601, 2}, {0, 0}, {-1, 0}};
-  for (const auto &c : kFormats) EXPECT_EQ(omni_imgb_get_plane_count(c.format), c.planes) << c.format;
+int32_t fcc(const char *s) {  // first character in the least significant byte
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[i]);
+  return static_cast<int32_t>(v);
+}
 
-  const struct {
-    uint32_t v;
-    int32_t ceil, floor;
-  } kLogs[] = {{0, 0, -1},           {1, 0, 0},           {2, 1, 1},          {3, 2, 1},
-               {4, 2, 2},            {5, 3, 2},           {0x7FFFFFFF, 31, 30}, {0x80000000u, 31, 31},
-               {0x80000001u, 32, 31}, {0xFFFFFFFFu, 32, 31}};
-  for (const auto &c : kLogs) {
-    EXPECT_EQ(omni_ceil_log2(c.v), c.ceil) << c.v;
-    EXPECT_EQ(omni_floor_log2(c.v), c.floor) << c.v;
-  }
+TEST(MediaType, LookupsAndPrecedence) {
+  // Each table's first and last code and a miss; then the combined lookup:
+  // audio first (small numbers are format tags), then video, then subtitles,
+  // never DRM.
+  const auto vid = omni_fcc2mt_vid, aud = omni_fcc2mt_aud, drm = omni_fcc2mt_drm, sub = omni_fcc2mt_sub;
+  const std::tuple<decltype(vid), int32_t, uint32_t> kCases[] = {
+      {vid, fcc("RV10"), 113}, {vid, fcc("divx"), 102}, {vid, fcc("hvc1"), 120}, {vid, fcc("mp4a"), 299},
+      {aud, 1, 300}, {aud, fcc("Opus"), 334}, {aud, fcc("opus"), 499}, {drm, fcc("DIVX"), 1100},
+      {drm, fcc("divx"), 1100}, {drm, fcc("DivX"), 1299}, {sub, fcc("SSSA"), 3008}, {sub, fcc("sbtl"), 3006},
+      {sub, fcc("wvtt"), 3199}, {omni_fcc2mt, 85, 305}, {omni_fcc2mt, fcc("DIVX"), 102},
+      {omni_fcc2mt, fcc("tx3g"), 3006}, {omni_fcc2mt, fcc("zzzz"), 3199}};
+  for (const auto &[fn, code, type] : kCases) EXPECT_EQ(fn(code), type) << std::hex << code;
+}
+
+TEST(ImageBuffer, PlaneCountsAndLogarithms) {
+  const int32_t kPlanes[][2] = {{1, 3}, {7, 2}, {201, 1}, {202, 0}, {503, 1}, {504, 0}, {601, 2}, {-1, 0}};
+  for (const auto &c : kPlanes) EXPECT_EQ(omni_imgb_get_plane_count(c[0]), uint32_t(c[1])) << c[0];
+  const int64_t kLogs[][3] = {{0, 0, -1}, {1, 0, 0}, {3, 2, 1}, {0x80000000u, 31, 31}, {0x80000001u, 32, 31}};
+  for (const auto &c : kLogs)  // value, ceil, floor
+    EXPECT_EQ(std::make_pair(omni_ceil_log2(uint32_t(c[0])), omni_floor_log2(uint32_t(c[0]))),
+              std::make_pair(int32_t(c[1]), int32_t(c[2])));
   omni_imgb_dump(nullptr);
+}
+
+TEST(AlignedMemory, BlocksAreAlignedWritableAndFreed) {
+  for (uint32_t size : {0u, 1u, 33u, 100000u}) {
+    for (bool fast : {false, true}) {
+      void *p = fast ? omni_malloc_fast_align32(size) : omni_malloc_align32(size);
+      ASSERT_NE(p, nullptr) << size;
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 32, 0u) << size;
+      memset(p, 0x5A, size);  // AddressSanitizer checks that the block holds size bytes
+      fast ? omni_mfree_fast_align32(p) : omni_mfree_align32(p);
+    }
+  }
+  omni_mfree_align32(nullptr);
+  omni_mfree_fast_align32(nullptr);
+}
+
+TEST(Fills, WriteExactlyTheirBlocksAndTails) {
+  // Fill, smallest size, size step (x128 takes multiples of 128 only), block:
+  // words cover the size rounded down to a multiple of block; with tail, the
+  // rest follows as bytes of value's low byte.
+  const std::tuple<void (*)(void *, uint32_t, int32_t), int32_t, int32_t, int32_t, bool> kFills[] = {
+      {omni_mset_x32, 32, 1, 32, false}, {omni_mset_x32ax4, 32, 1, 32, true},
+      {omni_mset_x64, 128, 1, 128, false}, {omni_mset_x64a, 1, 1, 64, true},
+      {omni_mset_x128, 128, 128, 128, false}};
+  // A word of distinct bytes tells words from tails; a byte value is how
+  // callers fill, and large ones take another path.
+  for (const uint32_t value : {0x44332211u, 0x41414141u}) {
+    for (const auto &[fill, min, step, block, has_tail] : kFills) {
+      std::vector<int32_t> sizes = {65536, 200064, 65663 / step * step};
+      for (int32_t size = min; size <= 3 * 128 + 64; size += step) sizes.push_back(size);
+      for (const int32_t size : sizes) {
+        const size_t words = size_t(size / block * block), tail = has_tail ? size_t(size % block) : 0;
+        // 4 bytes past a 32-byte boundary: the fills only promise 4-byte alignment.
+        Bytes buf(4 + words + tail + 64, 0xEE), want(buf);
+        for (size_t i = 0; i < words + tail; ++i)
+          want[4 + i] = static_cast<uint8_t>(i < words ? value >> (8 * (i % 4)) : value);
+        fill(buf.data() + 4, value, size);
+        ASSERT_EQ(buf, want) << value << " fill " << block << (has_tail ? "+" : "/") << step << ": " << size;
+      }
+    }
+  }
+  for (const int32_t count : {64, 640, 100}) {  // 32-bit words, 256 bytes per 64 of them
+    Bytes buf(size_t(count / 64 * 256) + 32, 0xEE), want(buf);
+    std::fill(want.begin(), want.end() - 32, 0);
+    omni_mclr_x64(buf.data(), count);
+    EXPECT_EQ(buf, want) << count;
+  }
+}
+
+// Three rows of two bytes between exact-size planes, read or written
+// bottom-up: the copy never steps past the last row.
+TEST(BlockCopy, NegativeStridesStayInsideThePlanes) {
+  const Bytes src = {1, 2, 0, 3, 4, 0, 5, 6};
+  Bytes up(6, 0xEE), down(6, 0xEE);
+  omni_blk_mcpy(up.data(), src.data() + 6, 2, -3, 2, 3);
+  omni_blk_mcpy(down.data() + 4, src.data(), -2, 3, 2, 3);
+  omni_blk_mcpy(down.data(), src.data(), 2, 3, 2, -1);  // no rows: nothing copied
+  EXPECT_EQ(up, Bytes({5, 6, 3, 4, 1, 2}));
+  EXPECT_EQ(down, up);
 }
 
 }  // namespace

@@ -1,0 +1,355 @@
+// Hostile files built box by box: each case breaks one thing in an otherwise
+// valid file and states the open status, the status of one query and the
+// exact line the reader logs. Every case's bytes are also kept in
+// fuzz/regressions/reader/ so that the fuzz replay runs them through every
+// query (TARN_UPDATE_REGRESSIONS=1 rewrites them).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "support/box_builder.h"
+#include "support/files.h"
+#include "support/log_capture.h"
+#include "tarn/io.h"
+#include "tarn/reader.h"
+
+namespace tarn_test {
+namespace {
+
+using namespace bb;
+
+// One item location; off is relative to the mdat payload for method 0.
+struct Loc {
+  uint16_t id;
+  uint32_t off, len;
+  uint16_t method;
+};
+
+Bytes infe(uint16_t id, const char *type, uint32_t flags = 0) {
+  return fullbox("infe", 2, flags, {u16(id), u16(0), fourcc(type), str("")});
+}
+Bytes ispe(uint32_t w, uint32_t h) { return fullbox("ispe", 0, 0, {u32(w), u32(h)}); }
+// hvcC with 4-byte NAL lengths and the given arrays.
+Bytes hvcc(const Bytes &arrays = {}, uint8_t array_cnt = 0) {
+  return box("hvcC", {zeros(21), u8(0xff), u8(array_cnt), arrays});
+}
+Bytes clap(std::vector<int32_t> v) {
+  Bytes b;
+  for (int32_t x : v) append(&b, u32(static_cast<uint32_t>(x)));
+  return box("clap", {b});
+}
+Bytes iref(const Bytes &refs, uint8_t version = 0) { return fullbox("iref", version, 0, {refs}); }
+Bytes ref(const char *type, uint16_t from, std::vector<uint16_t> to, int count = -1) {
+  Bytes b = cat({u16(from), u16(static_cast<uint16_t>(count < 0 ? to.size() : size_t(count)))});
+  for (uint16_t t : to) append(&b, u16(t));
+  return box(type, {b});
+}
+// ipma version 0: one entry per item, 1-byte indices.
+Bytes ipma(std::vector<std::vector<uint8_t>> entries) {
+  Bytes b = u32(static_cast<uint32_t>(entries.size()));
+  for (auto &e : entries) {
+    append(&b, cat({u16(e[0]), u8(static_cast<uint8_t>(e.size() - 1))}));
+    b.insert(b.end(), e.begin() + 1, e.end());
+  }
+  return fullbox("ipma", 0, 0, {b});
+}
+
+// One 6-byte NAL unit behind a 4-byte length.
+const Bytes kFrame = {0, 0, 0, 6, 0x26, 0x01, 0xaf, 0x10, 0x20, 0x30};
+
+// ftyp, meta, mdat. Item 1 is a 64x64 hvc1 image holding kFrame; a case
+// replaces the piece it breaks.
+struct File {
+  Bytes head;  // between ftyp and meta
+  Bytes hdlr = fullbox("hdlr", 0, 0, {u32(0), fourcc("pict"), zeros(12), str("")});
+  Bytes pitm = fullbox("pitm", 0, 0, {u16(1)});
+  std::vector<Bytes> infes = {infe(1, "hvc1")};
+  Bytes iinf;  // built from infes unless set
+  std::vector<Loc> locs = {{1, 0, 10, 0}};
+  uint8_t iloc_version = 0;
+  Bytes iloc;  // built from locs unless set
+  Bytes ipco = cat({hvcc(), ispe(64, 64)});
+  Bytes ipma_box = ipma({{1, 0x81, 0x82}});
+  Bytes iprp;  // built from ipco and ipma_box unless set
+  Bytes more;  // after iprp: iref, idat, grpl
+  Bytes mdat = kFrame;
+  Bytes tail;  // after mdat
+
+  Bytes meta(uint32_t base) const {
+    Bytes loc = iloc;
+    if (loc.empty()) {
+      const bool wide = iloc_version == 2;
+      loc = cat({u8(0x44), u8(0), wide ? u32(uint32_t(locs.size())) : u16(uint16_t(locs.size()))});
+      for (const Loc &l : locs) {
+        append(&loc, cat({wide ? u32(l.id) : u16(l.id), iloc_version ? u16(l.method) : Bytes{},
+                          u16(0), u16(1), u32(l.method ? l.off : base + l.off), u32(l.len)}));
+      }
+      loc = fullbox("iloc", iloc_version, 0, {loc});
+    }
+    const Bytes info = iinf.empty() ? fullbox("iinf", 0, 0, {u16(uint16_t(infes.size())), cat(infes)})
+                                    : iinf;
+    const Bytes props = iprp.empty() ? box("iprp", {box("ipco", {ipco}), ipma_box}) : iprp;
+    return fullbox("meta", 0, 0, {hdlr, pitm, info, loc, props, more});
+  }
+  Bytes build() const {
+    const Bytes ftyp = box("ftyp", {fourcc("heic"), u32(0), fourcc("mif1"), fourcc("heic")});
+    const uint32_t base = uint32_t(ftyp.size() + head.size() + meta(0).size() + 8);
+    return cat({ftyp, head, meta(base), box("mdat", {mdat}), tail});
+  }
+};
+
+// Item 1 is a grid of the given data over tiles 2 and 3 (listed in dimg).
+File grid(const Bytes &data, std::vector<uint16_t> tiles = {2, 3}) {
+  File f;
+  f.infes = {infe(1, "grid"), infe(2, "hvc1", 1), infe(3, "hvc1", 1)};
+  f.mdat = cat({data, kFrame});
+  const uint32_t d = uint32_t(data.size());
+  f.locs = {{1, 0, d, 0}, {2, d, 10, 0}, {3, d, 10, 0}};
+  f.ipma_box = ipma({{1, 0x82}, {2, 0x81, 0x82}, {3, 0x81, 0x82}});
+  f.more = iref(ref("dimg", 1, tiles));
+  return f;
+}
+// Item 1 with a clean aperture on an image of w x h.
+File clapped(uint32_t w, uint32_t h, std::vector<int32_t> v) {
+  File f;
+  f.ipco = cat({hvcc(), ispe(w, h), clap(v)});
+  f.ipma_box = ipma({{1, 0x81, 0x82, 0x83}});
+  return f;
+}
+
+enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb };
+
+struct Case {
+  const char *name;
+  File (*make)();
+  int32_t create;      // tarnd_create's status
+  Query query;         // asked of item 1 when the open succeeds
+  int32_t query_status;
+  const char *log;     // exact line; "" = nothing at WARN or above
+  const char *tag;
+};
+
+const Case kCases[] = {
+    // Box headers and sizes.
+    {"box_size_below_header", [] { File f; f.more = box_sized(4, "free"); return f; },
+     0, kFrame64, 0, "size of 32bit atom is too small", "tarnd_parse"},
+    {"fullbox_smaller_than_its_fields", [] { File f; f.more = box_sized(8, "iref"); return f; },
+     0, kNone, 0, "size of 32bit atom is too small", "tarnd_parse"},
+    {"large_size_below_16", [] { File f; f.more = box_large("free", {}, 15); return f; },
+     0, kNone, 0, "size of 64bit atom is too small", "tarnd_parse"},
+    {"large_size_wraps_position", [] { File f; f.tail = box_large("free", {}, ~0ull - 15); return f; },
+     0, kNone, 0, "atom size is too big(18446744073709551600)", "tarnd_parse"},
+    {"zero_size_box_swallows_meta", [] { File f; f.head = box_sized(0, "free"); return f; },
+     -2, kNone, 0, "ctx->meta.items is NULL", "tarnd"},
+    {"child_past_file_resumes_after_meta", [] { File f; f.more = box_sized(0x7fffffff, "free"); return f; },
+     0, kFrame64, 0, "", nullptr},
+    {"trld_past_file", [] { File f; f.tail = box_sized(1000, "trld", {zeros(4)}); return f; },
+     0, kNone, 0, "trld size is not matched", "tarnd_parse"},
+    {"item_box_inside_ipco", [] { File f; f.ipco = cat({infe(5, "hvc1"), hvcc(), ispe(64, 64)});
+       f.ipma_box = ipma({{1, 0x82, 0x83}}); return f; },
+     0, kFrame64, 0, "box type : 1701211753 is in ipco box", "tarnd_parse"},
+    {"hdlr_shorter_than_fixed_fields", [] { File f; f.hdlr = fullbox("hdlr", 0, 0, {u32(0)}); return f; },
+     0, kFrame64, 0, "", nullptr},
+    // Item information and 16- versus 32-bit ids.
+    {"pitm_v1_id_above_16_bits", [] { File f; f.pitm = fullbox("pitm", 1, 0, {u32(0x10001)}); return f; },
+     -2, kNone, 0, "parser_pitm : item id is too big(65537)", "tarnd_handlers"},
+    {"iinf_count_zero", [] { File f; f.iinf = fullbox("iinf", 0, 0, {u16(0)}); return f; },
+     -2, kNone, 0, "parser_iinf : item count is abnormal(0)", "tarnd_handlers"},
+    {"iinf_count_beyond_data", [] { File f;
+       f.iinf = fullbox("iinf", 1, 0, {u32(18512790), infe(1, "hvc1")}); return f; },
+     -2, kNone, 0, "parser_iinf : item count is abnormal(18512790)", "tarnd_handlers"},
+    {"infe_id_repeats", [] { File f; f.infes = {infe(1, "hvc1"), infe(1, "hvc1")}; return f; },
+     -2, kNone, 0, "item_ID does not increase. previous(1), current(1)", "tarnd_handlers"},
+    {"infe_v3_id_above_16_bits", [] { File f;
+       f.infes = {fullbox("infe", 3, 0, {u32(0x12345), u16(0), fourcc("hvc1")})}; return f; },
+     -2, kNone, 0, "parser_infe : item id is too big(74565)", "tarnd_handlers"},
+    {"ipma_v1_entries_written_16_bit", [] { File f;
+       f.ipma_box = fullbox("ipma", 1, 0, {u32(1), u16(1), u8(2), u8(0x81), u8(0x82)}); return f; },
+     0, kFrame64, 0, "file has abnormal property association data", "tarnd_handlers"},
+    {"iref_v1_id_above_16_bits", [] { File f;
+       f.more = iref(box("thmb", {u32(0x10002), u16(1), u32(1)}), 1); return f; },
+     0, kNone, 0, "parser_single_iref : item id is too big(65538)", "tarnd_handlers"},
+    // Item locations.
+    {"iloc_count_beyond_data", [] { File f;
+       f.iloc = fullbox("iloc", 0, 0, {u8(0x44), u8(0), u16(1000), u16(1), u16(0), u16(1), u32(0),
+       u32(0)}); return f; },
+     -2, kNone, 0, "parser_iloc : item count is abnormal(1000)", "tarnd_handlers"},
+    {"iloc_more_entries_than_items", [] { File f; f.locs = {{1, 0, 10, 0}, {2, 0, 10, 0}}; return f; },
+     -2, kNone, 0, "items are more than item count(1)", "tarnd_handlers"},
+    {"iloc_names_missing_item", [] { File f; f.locs = {{7, 0, 10, 0}}; return f; },
+     -2, kNone, 0, "parser_iloc : valid index for item(7) could not be found", "tarnd_handlers"},
+    {"iloc_v2_id_above_16_bits", [] { File f;
+       f.iloc = fullbox("iloc", 2, 0, {u8(0x44), u8(0), u32(1), u32(70000), u16(0), u16(0), u16(1), u32(0),
+       u32(10)}); return f; },
+     -2, kNone, 0, "parser_iloc : item id is too big(70000)", "tarnd_handlers"},
+    {"iloc_v2_wide_ids", [] { File f; f.iloc_version = 2; return f; },
+     0, kFrame64, 0, "", nullptr},
+    {"extent_past_end_of_file", [] { File f; f.locs = {{1, 0, 1000, 0}}; return f; },
+     0, kFrame64, -6, "", nullptr},
+    {"extent_offset_plus_length_overflows", [] { File f;
+       f.iloc = fullbox("iloc", 0, 0, {u8(0x88), u8(0), u16(1), u16(1), u16(0), u16(1), u64(~0ull - 15),
+       u64(32)}); return f; },
+     0, kFrame64, -1, "", nullptr},
+    {"extent_past_idat", [] { File f; f.iloc_version = 1; f.locs = {{1, 0, 100, 1}};
+       f.more = box("idat", {kFrame}); return f; },
+     0, kFrame64, -6, "", nullptr},
+    {"construction_method_2", [] { File f; f.iloc_version = 1; f.locs = {{1, 0, 10, 2}}; return f; },
+     0, kFrame64, -2, "tarnd_get_image_frm : data location(2) of item(1) is not supported", "tarnd"},
+    {"nal_length_is_last_in_item", [] { File f; f.mdat = cat({kFrame, u32(5)}); f.locs = {{1, 0, 14, 0}};
+       return f; },
+     0, kFrame64, -3, "", nullptr},
+    {"nal_longer_than_item_is_cut", [] { File f; f.mdat = cat({u32(1000), zeros(6)}); return f; },
+     0, kFrame64, 0, "", nullptr},
+    // Properties and associations.
+    {"ipco_payload_7", [] { File f; f.ipco = zeros(7); return f; },
+     -2, kNone, 0, "parser_ipco : invalid item property count(0)", "tarnd_handlers"},
+    {"second_ipco", [] { File f; f.iprp = box("iprp", {box("ipco", {f.ipco}),
+       f.ipma_box, box("ipco", {ispe(1, 1)})}); return f; },
+     0, kFrame64, 0, "parser_ipco : duplicated ipco box", "tarnd_handlers"},
+    {"property_before_ipco", [] { File f; f.iprp = box("iprp", {ispe(1, 1), box("ipco", {f.ipco}),
+       f.ipma_box}); return f; },
+     -2, kNone, 0, "parser_ispe : abnormal file. maybe ipco box does not exist.", "tarnd_handlers"},
+    {"ipma_entries_beyond_payload", [] { File f;
+       f.ipma_box = fullbox("ipma", 0, 0, {u32(10), u16(1), u8(1), u8(0x81)}); return f; },
+     -2, kNone, 0, "atom data size is abnormal. atom data size : 8, entry_cnt : 10", "tarnd_handlers"},
+    {"ipma_index_past_property_table", [] { File f; f.ipma_box = ipma({{1, 0x81, 0x89}}); return f; },
+     0, kInfoImage, 0, "", nullptr},
+    {"colr_profile_missing", [] { File f; f.ipco = cat({hvcc(), ispe(64, 64), box("colr",
+       {fourcc("prof")})}); return f; },
+     -2, kNone, 0, "color data size is too big 4", "tarnd_handlers"},
+    {"auxC_type_without_nul", [] { File f;
+       f.ipco = cat({hvcc(), ispe(64, 64), fullbox("auxC", 0, 0, {raw("urn:x")})}); return f; },
+     0, kFrame64, 0, "aux data is abnormal", "tarnd_handlers"},
+    {"hvcC_nal_length_past_box", [] { File f;
+       f.ipco = cat({hvcc(cat({u8(33), u16(1), u16(0xffff), zeros(2)}), 1), ispe(64, 64)}); return f; },
+     -2, kNone, 0, "ctx->meta.association_list is NULL", "tarnd"},
+    {"hvcC_array_count_past_box", [] { File f; f.ipco = cat({hvcc({}, 200), ispe(64, 64)}); return f; },
+     -2, kNone, 0, "ctx->meta.association_list is NULL", "tarnd"},
+    {"clap_offset_overflows", [] { return clapped(64, 64, {64, 1, 64, 1, 0x7fffffff, 1, 0, 1}); },
+     0, kInfoImage, 0, "crop area is abnormal", "tarnd_clean_aperture"},
+    {"clap_denominators_overflow", [] { return clapped(64, 64, {64, 1, 64, 1, 1, 0x7fffffff, 0, 1}); },
+     0, kInfoImage, 0, "crop area is abnormal", "tarnd_clean_aperture"},
+    {"clap_right_edge_overflows", [] { return clapped(2, 2, {0x40000000, 1, 2, 1, 0x7ffffffe, 1, 0, 1}); },
+     0, kInfoImage, 0,
+     "clap info is abnormal. left(1610612735), top(0), clap_width(1073741824), clap_heigt(2)",
+     "tarnd_clean_aperture"},
+    {"clap_negative_denominator", [] { return clapped(64, 64, {64, -1, 64, 1, 0, 1, 0, 1}); },
+     0, kInfoImage, 0, "clap data is abnormal", "tarnd_clean_aperture"},
+    // References and groups.
+    {"iref_from_missing_item", [] { File f; f.more = iref(ref("thmb", 9, {1})); return f; },
+     0, kNone, 0, "parser_single_iref : valid index for from_item(9) could not be found", "tarnd_handlers"},
+    {"iref_to_missing_item", [] { File f; f.more = iref(ref("dimg", 1, {9})); return f; },
+     0, kNone, 0, "parser_single_iref : valid index for to_item(9) could not be found", "tarnd_handlers"},
+    {"iref_count_beyond_data", [] { File f; f.more = iref(ref("thmb", 1, {1}, 0xffff)); return f; },
+     0, kThumb, -1, "", nullptr},
+    {"iref_to_itself", [] { File f; f.more = iref(ref("thmb", 1, {1})); return f; },
+     0, kThumb, 0, "", nullptr},
+    {"iref_cycle", [] { File f = grid(cat({u16(0), u16(0), u32(0x00400040)}), {2});
+       f.more = iref(cat({ref("dimg", 1, {2}), ref("dimg", 2, {3}), ref("dimg", 3, {1})})); return f; },
+     0, kGrid, 0, "", nullptr},
+    {"seventeen_references", [] { File f; std::vector<Bytes> r(17, ref("thmb", 1, {1}));
+       f.more = iref(cat(r)); return f; },
+     0, kThumb, 0, "too many referece_from_cnt. ignore reference", "tarnd_handlers"},
+    {"ster_entities_beyond_payload", [] { File f;
+       f.more = box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(0x40000000), u32(1)})}); return f; },
+     0, kNone, 0, "ster atom is too small size(24), entityCount(1073741824)", "tarnd_handlers"},
+    // Grids.
+    {"grid_layout_wants_more_tiles", [] { return grid(cat({u16(0x0001), u16(0x0101), u32(0x00800080)})); },
+     0, kRefs4, 0, "", nullptr},
+    {"grid_data_6_bytes", [] { return grid(cat({u16(0), u16(0x0101), u16(0x40)})); },
+     0, kGrid, -2, "tarnd_get_info_item : grid data size is invalid(6)", "tarnd"},
+    {"grid_32bit_sizes_in_8_bytes", [] { return grid(cat({u16(1), u16(0x0101), u32(0x00400040)})); },
+     0, kGrid, -2, "tarnd_get_info_item : grid data size is invalid(8)", "tarnd"},
+    {"grid_offset_past_idat", [] { File f = grid({}); f.iloc_version = 1; f.locs[0] = {1, 100, 8, 1};
+       f.more = cat({f.more, box("idat", {zeros(8)})}); return f; },
+     0, kGrid, -2, "tarnd_get_info_item : grid data is abnormal", "tarnd"},
+};
+
+std::string regression_path(const char *name) {
+  return std::string(TARN_TEST_DATA_DIR) + "/../../fuzz/regressions/reader/" + name;
+}
+
+int32_t ask(void *h, Query q) {
+  switch (q) {
+    case kFrame64: {
+      uint8_t buf[72];
+      memset(buf, 0xEE, sizeof(buf));
+      int32_t size = -1;
+      const int32_t s = tarnd_get_image_frm(h, 1, buf, 64, &size);
+      for (size_t i = 64; i < sizeof(buf); ++i) EXPECT_EQ(buf[i], 0xEE) << "written past the buffer";
+      EXPECT_LE(size, 64);
+      return s;
+    }
+    case kInfoImage: {
+      tarnd_image_info info = {};
+      info.crop.right = 77;  // must stay as set unless the crop converts
+      const int32_t s = tarnd_get_info_image(h, 1, &info);
+      EXPECT_EQ(info.crop.right, 77);
+      return s;
+    }
+    case kGrid: {
+      tarnd_grid_info g = {};
+      return tarnd_get_info_item(h, 1, TARND_INFO_GRID, &g);
+    }
+    case kRefs4: {
+      uint32_t ids[4] = {0xAAAA, 0xAAAA, 0xAAAA, 0xAAAA};
+      const int32_t s = tarnd_get_list_referenceto(h, 1, ids, 4);
+      EXPECT_TRUE(ids[0] == 2 && ids[1] == 3 && ids[2] == 0xAAAA && ids[3] == 0xAAAA);
+      return s;
+    }
+    case kThumb: {
+      uint32_t id = 0;
+      return tarnd_get_image_id(h, TARND_ID_THUMBNAIL, TARND_ID_REF_PRIMARY, &id);
+    }
+    case kNone:
+      break;
+  }
+  return 0;
+}
+
+TEST(MalformedFiles, StatusAndLogLine) {
+  for (const Case &c : kCases) {
+    SCOPED_TRACE(c.name);
+    const Bytes bytes = c.make().build();
+    LogCapture cap;
+    tarnd_io_dsc io;
+    tarnd_io_init_memory(&io, bytes.data(), bytes.size());
+    tarnd_file_info info;
+    int32_t err = 1;
+    void *h = tarnd_create(&io, 0, &info, &err);
+    EXPECT_EQ(err, c.create);
+    EXPECT_EQ(h != nullptr, c.create == 0);
+    if (h != nullptr) {
+      EXPECT_EQ(ask(h, c.query), c.query_status);
+    }
+    tarnd_delete(h);
+    if (c.tag != nullptr) {
+      EXPECT_TRUE(cap.has(c.log, c.tag)) << cap.dump();
+    } else {
+      for (const LogLine &l : cap.lines()) EXPECT_LT(l.priority, 5) << l.text;
+    }
+  }
+}
+
+// The replay of fuzz/regressions/reader/ runs these files through every query.
+TEST(MalformedFiles, RegressionInputsAreCurrent) {
+  const bool update = std::getenv("TARN_UPDATE_REGRESSIONS") != nullptr;
+  for (const Case &c : kCases) {
+    const Bytes bytes = c.make().build();
+    const std::string path = regression_path(c.name);
+    if (update) {
+      std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()),
+                                                  std::streamsize(bytes.size()));
+    }
+    Bytes stored;
+    EXPECT_TRUE(read_file(path, &stored) && stored == bytes)
+        << path << " is stale: run with TARN_UPDATE_REGRESSIONS=1";
+  }
+}
+
+}  // namespace
+}  // namespace tarn_test

@@ -1,0 +1,163 @@
+// Shared by the reader tests: open a byte vector or a path with the handle
+// released automatically, the corpus facts, and small files built box by box.
+#ifndef TARN_TESTS_READER_HELPERS_H
+#define TARN_TESTS_READER_HELPERS_H
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/box_builder.h"
+#include "support/files.h"
+#include "tarn/io.h"
+#include "tarn/reader.h"
+
+namespace tarn_test {
+
+struct CtxDeleter {
+  void operator()(tarnd_ctx *ctx) const { tarnd_delete(ctx); }
+};
+using CtxPtr = std::unique_ptr<tarnd_ctx, CtxDeleter>;
+
+inline CtxPtr open_io(const tarnd_io_dsc &io, int32_t *err) {
+  tarnd_file_info info;
+  return CtxPtr(static_cast<tarnd_ctx *>(tarnd_create(&io, 0, &info, err)));
+}
+inline CtxPtr open_memory(const std::vector<uint8_t> &bytes, int32_t *err) {
+  tarnd_io_dsc io;
+  tarnd_io_init_memory(&io, bytes.data(), bytes.size());
+  return open_io(io, err);
+}
+inline CtxPtr open_path(const std::string &path, int32_t *err) {
+  tarnd_io_dsc io;
+  tarnd_io_init_file(&io, path.c_str());
+  return open_io(io, err);
+}
+
+inline uint32_t fcc(const std::string &s) { return s.size() < 4 ? 0 : TARND_FCC(s[0], s[1], s[2], s[3]); }
+
+// A JSON value of facts.json: objects, arrays, strings (\uXXXX below 0x100),
+// integers; true and false read as 1 and 0.
+struct Json {
+  int64_t number = 0;
+  std::string text;
+  std::vector<Json> items;
+  std::map<std::string, Json> members;
+  bool has(const std::string &key) const { return members.count(key) != 0; }
+  const Json &operator[](size_t i) const { return items[i]; }
+  const Json &operator[](const std::string &key) const {
+    static const Json kNone;
+    auto it = members.find(key);
+    return it == members.end() ? kNone : it->second;
+  }
+};
+
+// Parses the value at p (a NUL-terminated text) into v; false when malformed.
+inline bool parse_json(const char *&p, Json *v) {
+  auto skip_space = [&p] { p += strspn(p, " \n\r\t"); };
+  skip_space();
+  if (*p == '[' || *p == '{') {
+    const char close = *p++ == '[' ? ']' : '}';
+    for (Json key;;) {
+      skip_space();
+      if (*p == close) return ++p, true;
+      if ((!v->items.empty() || !v->members.empty()) && *p++ != ',') return false;
+      skip_space();
+      if (close == '}' && (*p != '"' || !parse_json(p, &key) || (skip_space(), *p++ != ':'))) return false;
+      if (!parse_json(p, close == ']' ? &v->items.emplace_back() : &v->members[key.text])) return false;
+      key.text.clear();
+    }
+  }
+  if (*p == '"') {
+    for (++p; *p != '"'; ++p) {
+      const bool escape = *p == '\\';
+      p += escape;
+      if (*p == '\0' || (escape && *p == 'u' && strnlen(p, 5) < 5)) return false;
+      v->text += escape && *p == 'u' ? char(strtol(std::string(p + 1, 4).c_str(), nullptr, 16))
+                 : escape && *p == 'n' ? '\n' : *p;
+      if (escape && *p == 'u') p += 4;
+    }
+    return ++p, true;
+  }
+  for (const char *word : {"null", "false", "true"}) {
+    if (strncmp(p, word, strlen(word)) == 0) return v->number = *word == 't', p += strlen(word), true;
+  }
+  char *end = nullptr;
+  v->number = strtoll(p, &end, 10);
+  return end != p && (p = end, true);
+}
+
+inline bool load_facts(Json *facts) {
+  std::vector<uint8_t> bytes;
+  if (!read_file(corpus_dir() + "/facts.json", &bytes)) return false;
+  const std::string text(bytes.begin(), bytes.end());
+  const char *p = text.c_str();
+  return parse_json(p, facts) && !facts->items.empty();
+}
+
+// Path of a corpus file named by facts.json, or "".
+inline std::string corpus_path(const std::string &name) {
+  for (const char *folder : {"broken", "nokia", "phones", "synthetic"}) {
+    const std::string path = corpus_dir() + "/" + folder + "/" + name;
+    if (FILE *f = fopen(path.c_str(), "rb")) return fclose(f), path;
+  }
+  return "";
+}
+
+// Small HEIF files: one hvc1 item with hvcC and ispe, whose boxes a case
+// replaces or extends.
+namespace fx {
+using namespace bb;
+
+inline Bytes ftyp() { return box("ftyp", {fourcc("heic"), u32(0), fourcc("mif1"), fourcc("heic")}); }
+inline Bytes hdlr() { return fullbox("hdlr", 0, 0, {u32(0), fourcc("pict"), zeros(12), str("")}); }
+inline Bytes infe(uint16_t id, const char *type, uint32_t flags = 0) {
+  return fullbox("infe", 2, flags, {u16(id), u16(0), fourcc(type), str("")});
+}
+inline Bytes iinf(std::vector<Bytes> entries) {
+  entries.insert(entries.begin(), u16(uint16_t(entries.size())));
+  return fullbox("iinf", 0, 0, entries);
+}
+// iloc version 0 with 4-byte offsets and lengths, one extent.
+inline Bytes iloc1(uint16_t id, uint32_t offset, uint32_t length) {
+  return fullbox("iloc", 0, 0, {u8(0x44), u8(0), u16(1), u16(id), u16(0), u16(1), u32(offset), u32(length)});
+}
+// hvcC with one VPS, SPS and PPS of 24, 40 and 7 bytes, 4-byte NAL lengths.
+inline Bytes hvcC() {
+  auto array = [](uint8_t type, uint16_t len) {
+    Bytes nal = zeros(len);
+    nal[0] = uint8_t(type << 1);
+    return cat({u8(type), u16(1), u16(len), nal});
+  };
+  return box("hvcC", {u8(1), zeros(20), u8(0xf3), u8(3), array(32, 24), array(33, 40), array(34, 7)});
+}
+inline Bytes ispe(uint32_t w, uint32_t h) { return fullbox("ispe", 0, 0, {u32(w), u32(h)}); }
+// ipma version 0, one entry for item id with the given 1-based indexes.
+inline Bytes ipma1(uint16_t id, std::initializer_list<uint8_t> indexes) {
+  return fullbox("ipma", 0, 0, {u32(1), u16(id), u8(uint8_t(indexes.size())), Bytes(indexes)});
+}
+inline Bytes iprp(const std::vector<Bytes> &props, const Bytes &ipma) {
+  return box("iprp", {box("ipco", props), ipma});
+}
+inline Bytes default_iprp() { return iprp({hvcC(), ispe(64, 48)}, ipma1(1, {0x81, 2})); }
+// ftyp, a meta box holding hdlr and the children, then an 8-byte mdat.
+inline Bytes file(std::vector<Bytes> meta_children) {
+  meta_children.insert(meta_children.begin(), hdlr());
+  return cat({ftyp(), fullbox("meta", 0, 0, meta_children), box("mdat", {zeros(8)})});
+}
+// The valid file with extra boxes appended inside meta.
+inline Bytes valid_file(std::initializer_list<Bytes> extra = {}) {
+  std::vector<Bytes> children{fullbox("pitm", 0, 0, {u16(1)}), iinf({infe(1, "hvc1")}), iloc1(1, 0, 8),
+                              default_iprp()};
+  children.insert(children.end(), extra.begin(), extra.end());
+  return file(children);
+}
+
+}  // namespace fx
+}  // namespace tarn_test
+
+#endif  // TARN_TESTS_READER_HELPERS_H

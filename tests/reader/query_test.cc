@@ -1,0 +1,306 @@
+// Queries over small files built box by box: roles, image information,
+// frame conversion, grid layouts, metadata bytes and references, with the
+// malformed cases of each query (unknown items, wrong types, short grid
+// data, prefixes running past the frame, small buffers, failing reads).
+#include <gtest/gtest.h>
+
+#include "reader/helpers.h"
+#include "support/log_capture.h"
+
+namespace tarn_test {
+namespace {
+
+using namespace fx;
+
+struct Item {
+  uint16_t id;
+  const char *type;
+  Bytes data;
+  uint16_t method = 0;  // 0 in mdat, 1 in idat, others as given
+  int64_t length = -1;  // iloc length when not the data's size
+  int64_t offset = -1;  // iloc offset when not where the data lies
+};
+struct Assoc {
+  uint16_t item;
+  Bytes props;  // 1-based ipco indexes, 0x80 for essential
+};
+
+// ftyp, mdat holding every method-0 item's data, then meta with the items,
+// their locations, properties, references and any extra boxes.
+Bytes make_file(const std::vector<Item> &items, const std::vector<Bytes> &props, const std::vector<Assoc> &assocs,
+                const std::vector<Bytes> &refs = {}, const Bytes &extra = {}) {
+  Bytes mdat, idat;
+  std::vector<Bytes> infes, iloc{u8(0x44), u8(0), u16(uint16_t(items.size()))}, ipma{u32(uint32_t(assocs.size()))};
+  for (const auto &it : items) {
+    Bytes &store = it.method == 1 ? idat : mdat;
+    const uint64_t base = it.method == 1 ? 0 : ftyp().size() + 8;
+    const int64_t offset = it.offset >= 0 ? it.offset : int64_t(base + store.size());
+    append(&store, it.data);
+    infes.push_back(infe(it.id, it.type));
+    iloc.insert(iloc.end(), {u16(it.id), u16(it.method), u16(0), u16(1), u32(uint32_t(offset)),
+                             u32(uint32_t(it.length >= 0 ? it.length : int64_t(it.data.size())))});
+  }
+  for (const auto &a : assocs) ipma.push_back(cat({u16(a.item), u8(uint8_t(a.props.size())), a.props}));
+  return cat({ftyp(), box("mdat", {mdat}),
+              fullbox("meta", 0, 0,
+                      {hdlr(), iinf(infes), fullbox("iloc", 1, 0, iloc),
+                       box("iprp", {box("ipco", props), fullbox("ipma", 0, 0, ipma)}), fullbox("iref", 0, 0, refs),
+                       fullbox("pitm", 0, 0, {u16(items.front().id)}), idat.empty() ? Bytes() : box("idat", {idat}),
+                       extra})});
+}
+
+Bytes ref(const char *type, uint16_t from, std::vector<uint16_t> to) {
+  Bytes out = cat({u16(from), u16(uint16_t(to.size()))});
+  for (uint16_t t : to) append(&out, u16(t));
+  return box(type, {out});
+}
+Bytes clap(uint32_t w, uint32_t h) {
+  return box("clap", {u32(w), u32(1), u32(h), u32(1), u32(0), u32(1), u32(0), u32(1)});
+}
+// hvcC whose NAL length prefixes are prefix_size bytes wide.
+Bytes hvcc(uint8_t prefix_size) {
+  Bytes b = hvcC();
+  b[8 + 21] = uint8_t(0xFC | (prefix_size - 1));
+  return b;
+}
+// n bytes of fill after a big-endian length prefix of width bytes.
+Bytes nal(uint32_t width, uint32_t claimed, uint32_t n, uint8_t fill) {
+  Bytes b;
+  for (uint32_t k = width; k-- > 0;) b.push_back(uint8_t(claimed >> (8 * k)));
+  return cat({b, Bytes(n, fill)});
+}
+
+// A source whose reads start failing after g_reads_left reads (-1: never).
+int g_reads_left = -1;
+uint32_t (*g_inner_read)(void *, void *, uint32_t) = nullptr;
+uint32_t failing_read(void *handle, void *buf, uint32_t count) {
+  if (g_reads_left == 0) return 0;
+  if (g_reads_left > 0) --g_reads_left;
+  return g_inner_read(handle, buf, count);
+}
+CtxPtr open_failing(const Bytes &file) {
+  tarnd_io_dsc io;
+  tarnd_io_init_memory(&io, file.data(), file.size());
+  g_inner_read = io.read;
+  io.read = failing_read;
+  g_reads_left = -1;
+  return open_io(io, nullptr);
+}
+
+// Item 1 primary (64x48), 2 its thumbnail, 3 its alpha plane, 4 a tmap over
+// 1 with gain map 5, 6 Exif of 1, 7 a 2x3 grid; a ster group pairs 2 and 3.
+Bytes role_file() {
+  return make_file({{1, "hvc1", {}}, {2, "hvc1", {}}, {3, "hvc1", {}}, {4, "tmap", {}}, {5, "hvc1", {}},
+                    {6, "Exif", {}}, {7, "grid", {}}},
+                   {hvcc(4), ispe(64, 48), fullbox("auxC", 0, 0, {str("urn:mpeg:hevc:2015:auxid:1")}),
+                    clap(128, 48), clap(32, 24), box("colr", {fourcc("prof"), raw("ICCDATA")})},
+                   {{1, {0x81, 2, 6}}, {2, {0x81, 2, 4}}, {3, {0x81, 2, 3, 5}}, {5, {0x81, 2}}, {7, {2}}},
+                   {ref("thmb", 2, {1}), ref("auxl", 3, {1}), ref("dimg", 4, {1, 5}), ref("cdsc", 6, {1}),
+                    ref("dimg", 7, {1, 2, 3, 5, 1, 2})},
+                   box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(2), u32(2), u32(3)})}));
+}
+
+TEST(Query, RolesInformationAndReferences) {
+  const Bytes file = role_file();  // read by the queries: must outlive ctx
+  CtxPtr ctx = open_memory(file, nullptr);
+  ASSERT_NE(ctx, nullptr);
+  // clang-format off
+  struct Role { uint32_t code, ref_id; int32_t status; uint32_t id; };
+  const Role kRoles[] = {
+      {TARND_ID_PRIMARY, 0, 0, 1}, {TARND_ID_THUMBNAIL, TARND_ID_REF_PRIMARY, 0, 2}, {TARND_ID_AUXILIARY, 1, 0, 3},
+      {TARND_ID_TONEMAP, 1, 0, 4}, {TARND_ID_GAINMAP, TARND_ID_REF_PRIMARY, 0, 5},
+      {TARND_ID_STEREO_LEFT, 0, 0, 2}, {TARND_ID_STEREO_RIGHT, 0, 0, 3},
+      {TARND_ID_THUMBNAIL, 3, -1, 0xFFFFFFFFu},  // no thumbnail of the alpha plane
+      {0, 0, 0, 0x5555u},  // an unknown code leaves the answer alone
+  };
+  // clang-format on
+  for (const Role &c : kRoles) {
+    uint32_t id = 0x5555u;
+    EXPECT_EQ(tarnd_get_image_id(ctx.get(), c.code, c.ref_id, &id), c.status) << c.code;
+    EXPECT_EQ(id, c.id) << c.code;
+  }
+  uint32_t id = 0, fake_magic[64] = {0x12345678u};
+  EXPECT_EQ(tarnd_get_image_id(nullptr, TARND_ID_PRIMARY, 0, &id), -1);
+  EXPECT_EQ(tarnd_get_image_id(fake_magic, TARND_ID_PRIMARY, 0, &id), -1);
+  EXPECT_EQ(tarnd_get_image_id(ctx.get(), TARND_ID_PRIMARY, 0, nullptr), -1);
+
+  // Only the fields an item's type serves are written: 77 and 9 are the
+  // caller's values.
+  // clang-format off
+  struct Info { int32_t id, status; uint32_t width, codec, icc_size, tile_cnt, flags; tarnd_crop crop; const char *log; };
+  const Info kInfos[] = {
+      {1, 0, 64, 120, 7, 77, 0x90, {9, 9, 9, 9}, nullptr},  // ICC, Exif, auxiliary
+      {2, 0, 64, 120, 77, 77, 0x800, {9, 9, 9, 9},  // a clap wider than the image
+       "2 item has clean aperture. width(128 / 1), height(48 / 1), horizOffset(0 / 1), vertOffset(0 / 1)"},
+      {3, 0, 64, 120, 77, 77, 0x1100, {16, 12, 48, 36},
+       "display crop info(left : 16, right : 48, top : 12, bottom : 36"},
+      {7, 0, 64, 0, 77, 6, 0x2, {9, 9, 9, 9}, nullptr},  // 2 x 3 tiles
+      {6, 0, 77, 77, 77, 77, 0, {9, 9, 9, 9}, nullptr},  // not an image: flags only
+      {4, 0, 77, 77, 77, 2, 0, {9, 9, 9, 9}, nullptr},
+      {99, -1, 77, 77, 77, 77, 77, {9, 9, 9, 9}, "tarnd_get_info_image : valid index for item(99) could not be found"},
+  };
+  // clang-format on
+  const uint8_t kUnset[1] = {};
+  for (const Info &c : kInfos) {
+    SCOPED_TRACE(c.id);
+    LogCapture cap;
+    tarnd_image_info info;
+    info.width = info.codec = info.icc_size = info.tile_cnt = info.flags = 77;
+    info.icc_data = info.config_data = kUnset;
+    info.crop = {9, 9, 9, 9};
+    EXPECT_EQ(tarnd_get_info_image(ctx.get(), c.id, &info), c.status);
+    EXPECT_EQ(std::vector<uint32_t>({info.width, info.codec, info.icc_size, info.tile_cnt, info.flags}),
+              std::vector<uint32_t>({c.width, c.codec, c.icc_size, c.tile_cnt, c.flags}));
+    EXPECT_EQ(info.icc_data == kUnset, c.icc_size == 77);
+    EXPECT_EQ(memcmp(&info.crop, &c.crop, sizeof(c.crop)), 0);
+    EXPECT_TRUE(!c.log || cap.has(c.log)) << cap.dump();
+  }
+  EXPECT_EQ(tarnd_get_info_image(ctx.get(), 1, nullptr), -1);
+
+  // A tile list stops at count; an item without references is refused.
+  std::vector<uint32_t> out(7, 0);
+  EXPECT_EQ(tarnd_get_list_referenceto(ctx.get(), 7, out.data(), 4), 0);
+  EXPECT_EQ(out, std::vector<uint32_t>({1, 2, 3, 5, 0, 0, 0}));
+  EXPECT_EQ(tarnd_get_list_referenceto(ctx.get(), 1, out.data(), 7), -1);
+  EXPECT_EQ(tarnd_get_list_referenceto(ctx.get(), 7, nullptr, 4), -1);
+  // Frames: a grid has none, an unknown item zeroes the size.
+  int32_t size = 0x5555;
+  EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 7, nullptr, 0, &size), -1);
+  EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 42, nullptr, 0, &size), -1);
+  EXPECT_EQ(size, 0);
+  EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, nullptr, 0, nullptr), -1);
+}
+
+TEST(Query, FrameExtraction) {
+  const Bytes two = cat({nal(4, 10, 10, 0xA1), nal(4, 20, 20, 0xB2)});
+  const Bytes two_out = cat({u32(1), Bytes(10, 0xA1), u32(1), Bytes(20, 0xB2)});
+  // prefix: NAL length size, 0 for a jpeg item; fail_after: reads before the
+  // source fails, -1 never; out: the buffer afterwards (empty: untouched).
+  // clang-format off
+  struct Case { const char *name; Item item; uint8_t prefix; bool with_buf; int32_t buf_size; int fail_after;
+                int32_t status, out_size; Bytes out; const char *log; };
+  const Case kCases[] = {
+      {"size query", {1, "hvc1", two}, 4, false, 0, -1, 0, 38, {}, nullptr},
+      {"exact buffer", {1, "hvc1", two}, 4, true, 38, -1, 0, 38, two_out, nullptr},
+      {"two-byte prefixes", {1, "hvc1", cat({nal(2, 10, 10, 0xA1), nal(2, 20, 20, 0xB2)})}, 2, true, 38, -1, 0, 38,
+       two_out, nullptr},
+      {"frame in idat", {1, "hvc1", two, 1}, 4, true, 38, -1, 0, 38, two_out, nullptr},
+      {"one byte short", {1, "hvc1", two}, 4, true, 37, -1, -4, 0, {}, nullptr},
+      {"bounded size query", {1, "hvc1", two}, 4, false, 37, -1, -4, 0, {}, nullptr},
+      {"negative size with a buffer", {1, "hvc1", two}, 4, true, -1, -1, -4, 0, {}, nullptr},
+      {"prefix ends the item", {1, "hvc1", cat({nal(4, 10, 10, 0xA1), u32(5)})}, 4, true, 64, -1, -3, 0, {}, nullptr},
+      {"unit claims past the item", {1, "hvc1", nal(4, 1000, 12, 0xC3)}, 4, true, 16, -1, 0, 16,
+       cat({u32(1), Bytes(12, 0xC3)}), nullptr},
+      {"data past the end of the file", {1, "hvc1", two, 0, 4000}, 4, true, 4100, -1, -6, 0, {}, nullptr},
+      {"idat data past its end", {1, "hvc1", two, 1, 4000}, 4, true, 4100, -1, -6, 0, {}, nullptr},
+      {"offset past idat", {1, "hvc1", two, 1, -1, 4000}, 4, true, 38, -1, -1, 0x5555, {}, nullptr},
+      {"read fails halfway", {1, "hvc1", two}, 4, true, 38, 2, -6, 0, {}, nullptr},
+      {"unsupported location", {1, "hvc1", two, 2}, 4, true, 38, -1, -2, 0, {},
+       "tarnd_get_image_frm : data location(2) of item(1) is not supported"},
+      {"jpeg into a small buffer", {1, "jpeg", Bytes(5000, 0xD8)}, 0, true, 4000, -1, 0, 5000, {},
+       "Warning! TOOSMALLBUF: buffer 4000 bytes, frame size 5000 bytes"},
+      {"empty item", {1, "hvc1", {}}, 4, true, 38, -1, 0, 0x5555, {}, nullptr},
+  };
+  // clang-format on
+  for (const auto &c : kCases) {
+    SCOPED_TRACE(c.name);
+    const Bytes file = c.prefix ? make_file({c.item}, {hvcc(c.prefix), ispe(8, 8)}, {{1, {0x81, 2}}})
+                                : make_file({c.item}, {ispe(8, 8)}, {{1, {1}}});
+    CtxPtr ctx = open_failing(file);
+    ASSERT_NE(ctx, nullptr);
+    LogCapture cap;
+    const size_t limit = c.buf_size > 0 ? size_t(c.buf_size) : 0;
+    Bytes buf(limit + 16, 0xEE);
+    int32_t out_size = 0x5555;
+    g_reads_left = c.fail_after;
+    EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, c.with_buf ? buf.data() : nullptr, c.buf_size, &out_size), c.status);
+    g_reads_left = -1;
+    EXPECT_EQ(out_size, c.out_size);
+    EXPECT_EQ(Bytes(buf.begin() + long(limit), buf.end()), Bytes(16, 0xEE)) << "written past the buffer";
+    if (!c.out.empty()) { EXPECT_EQ(Bytes(buf.begin(), buf.begin() + long(c.out.size())), c.out); }
+    if (c.out.empty() && c.status == 0) { EXPECT_EQ(buf, Bytes(buf.size(), 0xEE)); }
+    EXPECT_TRUE(!c.log || cap.has(c.log, "tarnd")) << cap.dump();
+  }
+}
+
+TEST(Query, ItemInformation) {
+  const Bytes grid16 = cat({u16(0), u8(1), u8(2), u16(3840), u16(3024)});
+  const Bytes exif = cat({u32(6), raw("Exif"), u16(0), raw("MM")});
+  // clang-format off
+  // item: item 2, describing item 1 (cdsc); out: grid words, or the data size.
+  struct Case { const char *name; Item item; uint32_t kind; int32_t ask, status; std::vector<uint32_t> out;
+                Bytes bytes; const char *log; };
+  const char *const kLocation = "tarnd_get_info_item : data location(2) of item(2) is not supported";
+  const Case kCases[] = {
+      {"grid, 16-bit sizes", {2, "grid", grid16}, TARND_INFO_GRID, 2, 0, {2, 3, 3840, 3024}, {}, nullptr},
+      {"grid, 32-bit sizes", {2, "grid", cat({u8(0), u8(1), u8(5), u8(7), u32(4032), u32(3024)})}, TARND_INFO_GRID, 2,
+       0, {6, 8, 4032, 3024}, {}, nullptr},
+      {"grid, 32-bit flag on 8 bytes", {2, "grid", cat({u8(0), u8(1), u8(1), u8(2), u32(7)})}, TARND_INFO_GRID, 2, -2,
+       {2, 3, 16, 16}, {}, "tarnd_get_info_item : grid data size is invalid(8)"},
+      {"grid of 3 bytes", {2, "grid", Bytes(3, 0)}, TARND_INFO_GRID, 2, -2, {0, 0, 16, 16}, {},
+       "tarnd_get_info_item : grid data size is invalid(3)"},
+      {"grid cut off by the file end", {2, "grid", grid16, 0, 100000}, TARND_INFO_GRID, 2, -6, {0, 0, 16, 16}, {},
+       nullptr},
+      {"grid offset past idat", {2, "grid", grid16, 1, -1, 8}, TARND_INFO_GRID, 2, -2, {0, 0, 16, 16}, {},
+       "tarnd_get_info_item : grid data is abnormal"},
+      {"grid in an unsupported location", {2, "grid", grid16, 2}, TARND_INFO_GRID, 2, -2, {0, 0, 16, 16}, {},
+       kLocation},
+      {"grid kind on an image", {2, "grid", grid16}, TARND_INFO_GRID, 1, -1, {77, 77, 77, 77}, {},
+       "1 item is not grid"},
+      {"Exif in idat", {2, "Exif", exif, 1}, TARND_INFO_EXIF, 1, 0, {8}, cat({raw("Exif"), u16(0), raw("MM")}),
+       nullptr},
+      {"Exif of 4 bytes", {2, "Exif", u32(0)}, TARND_INFO_EXIF, 1, 0, {0}, {}, nullptr},
+      {"Exif cut off by the file end", {2, "Exif", exif, 0, 70000}, TARND_INFO_EXIF, 1, -6, {77}, {}, nullptr},
+      {"no XMP", {2, "Exif", exif}, TARND_INFO_XMP, 1, 0, {77}, {}, nullptr},
+      {"tone map in idat", {2, "tmap", cat({u8(0), u16(0xAABB)}), 1}, TARND_INFO_TONEMAP, 2, 0, {2}, u16(0xAABB),
+       nullptr},
+      {"tone map in the file", {2, "tmap", cat({u8(0), u16(0xAABB)})}, TARND_INFO_TONEMAP, 2, 0, {2}, u16(0xAABB),
+       nullptr},
+      {"tone map of 1 byte", {2, "tmap", u8(0)}, TARND_INFO_TONEMAP, 2, -2, {0}, {}, "Tonemap metadata size is zero"},
+      {"tone map past idat", {2, "tmap", cat({u8(0), u16(1)}), 1, 9}, TARND_INFO_TONEMAP, 2, -2, {77}, {},
+       "tarnd_get_info_item : Tonemap metadata is abnormal"},
+      {"tone-map kind on an image", {2, "tmap", u16(1)}, TARND_INFO_TONEMAP, 1, 0, {77}, {}, nullptr},
+      {"kind 1", {2, "grid", grid16}, 1, 2, -2, {77, 77, 77, 77}, {}, nullptr},
+      {"unknown item", {2, "grid", grid16}, TARND_INFO_GRID, 3, -1, {77, 77, 77, 77}, {},
+       "tarnd_get_info_item : valid index for item(3) could not be found"},
+  };
+  // clang-format on
+  for (const auto &c : kCases) {
+    SCOPED_TRACE(c.name);
+    const bool grid = c.kind == TARND_INFO_GRID || c.kind == 1;
+    const Bytes file = make_file({{1, "hvc1", {}}, c.item}, {hvcc(4), ispe(16, 16)}, {{1, {0x81, 2}}, {2, {2}}},
+                                 {ref("cdsc", 2, {1})});
+    CtxPtr ctx = open_failing(file);
+    ASSERT_NE(ctx, nullptr);
+    LogCapture cap;
+    tarnd_grid_info g = {77, 77, 77, 77, 77};
+    tarnd_item_data d = {nullptr, 77};
+    EXPECT_EQ(tarnd_get_info_item(ctx.get(), c.ask, c.kind, grid ? static_cast<void *>(&g) : &d), c.status);
+    if (grid) { EXPECT_EQ(std::vector<uint32_t>({g.rows, g.columns, g.output_width, g.output_height}), c.out); }
+    if (!grid) { EXPECT_EQ(d.size, c.out[0]); }
+    EXPECT_TRUE(c.bytes.empty() || Bytes(d.data, d.data + d.size) == c.bytes);
+    EXPECT_TRUE(!c.log || cap.has(c.log, "tarnd")) << cap.dump();
+  }
+}
+
+// Metadata is cached only once read: a failed read leaves nothing behind and
+// the next call reads again; the cached copy needs no read.
+TEST(Query, MetadataCacheSurvivesFailedRead) {
+  const Bytes file = make_file({{1, "hvc1", {}}, {2, "mime", raw("<x:xmpmeta/>")}}, {hvcc(4), ispe(16, 16)},
+                               {{1, {0x81, 2}}}, {ref("cdsc", 2, {1})});
+  CtxPtr ctx = open_failing(file);
+  ASSERT_NE(ctx, nullptr);
+  tarnd_item_data d = {nullptr, 0}, again = {nullptr, 0};
+  g_reads_left = 0;
+  EXPECT_EQ(tarnd_get_info_item(ctx.get(), 1, TARND_INFO_XMP, &d), -6);
+  g_reads_left = -1;
+  ASSERT_EQ(tarnd_get_info_item(ctx.get(), 1, TARND_INFO_XMP, &d), 0);
+  g_reads_left = 0;
+  EXPECT_EQ(tarnd_get_info_item(ctx.get(), 1, TARND_INFO_XMP, &again), 0);
+  g_reads_left = -1;
+  EXPECT_EQ(std::string(d.data, d.data + d.size), "<x:xmpmeta/>");
+  EXPECT_EQ(again.data, d.data);
+}
+
+}  // namespace
+}  // namespace tarn_test

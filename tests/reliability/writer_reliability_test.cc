@@ -1,0 +1,206 @@
+// The writer under failure: every allocation of a full round trip failing in
+// turn, output callbacks that fail half-way, and caller buffers that are too
+// small. Nothing may leak, crash, write outside a buffer or lose the file.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/alloc_hook.h"
+#include "support/files.h"
+#include "tarn/writer.h"
+
+namespace tarn_test {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// One x265 picture: bare parameter sets and the slices behind 4-byte start
+// codes, as tarnm_set_image_info and tarnm_put_frm take them.
+struct Stream {
+  std::vector<Bytes> vps, sps, pps;
+  Bytes frame;
+  tarnm_param_sets sets() const {
+    tarnm_param_sets p{};
+    p.vps_count = 1, p.vps_size[0] = uint32_t(vps[0].size()), p.vps_data[0] = vps[0].data();
+    p.sps_count = 1, p.sps_size[0] = uint32_t(sps[0].size()), p.sps_data[0] = sps[0].data();
+    p.pps_count = 1, p.pps_size[0] = uint32_t(pps[0].size()), p.pps_data[0] = pps[0].data();
+    return p;
+  }
+};
+
+bool load(const char *name, Stream *s) {
+  Bytes b;
+  if (!read_file(data_path(std::string("hevc/") + name), &b)) return false;
+  std::vector<size_t> starts;  // first byte after each 00 00 01
+  for (size_t i = 0; i + 3 <= b.size(); ++i)
+    if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1) starts.push_back(i += 3);
+  for (size_t k = 0; k < starts.size(); ++k) {
+    size_t end = k + 1 < starts.size() ? starts[k + 1] - 3 : b.size();
+    while (end > starts[k] && b[end - 1] == 0) --end;  // a 4-byte start code's zero
+    if (end == starts[k]) continue;
+    const Bytes nal(b.begin() + long(starts[k]), b.begin() + long(end));
+    const int type = (nal[0] >> 1) & 0x3f;
+    std::vector<Bytes> *sets[] = {&s->vps, &s->sps, &s->pps};
+    if (type >= 32 && type <= 34) {
+      sets[type - 32]->push_back(nal);
+    } else {
+      s->frame.insert(s->frame.end(), {0, 0, 0, 1});
+      s->frame.insert(s->frame.end(), nal.begin(), nal.end());
+    }
+  }
+  return !s->vps.empty() && !s->sps.empty() && !s->pps.empty() && !s->frame.empty();
+}
+
+struct Inputs {
+  Stream tiles[4], thumb;
+  Bytes exif = {'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0};
+  std::string xmp = "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"/>";
+  bool ok = load("tile0.hevc", &tiles[0]) && load("tile1.hevc", &tiles[1]) &&
+            load("tile2.hevc", &tiles[2]) && load("tile3.hevc", &tiles[3]) &&
+            load("thumb128.hevc", &thumb);
+};
+const Inputs &inputs() {
+  static const Inputs in;
+  return in;
+}
+
+// A 2x2 grid (item 5 over tiles 1-4) with Exif and XMP and a thumbnail
+// (item 6), written into the heap or into the caller's buffer. Returns the
+// first failing status; the context, if any, is left in *out. Allocates
+// nothing itself, so that every allocation counted is the library's.
+int32_t write_file(tarnm_ctx **out, uint8_t *delivered = nullptr, int32_t delivered_size = 0) {
+  const Inputs &in = inputs();
+  tarnm_init_dsc dsc{};
+  int32_t rc = -1;
+  *out = tarnm_create(&dsc, &rc);
+  if (*out == nullptr) return rc;
+  if (delivered != nullptr && (rc = tarnm_use_delivered_memory_buffer(*out, delivered, delivered_size)) != 0)
+    return rc;
+  tarnm_image_info grid{};
+  grid.width = grid.height = 256;
+  grid.param_sets = in.tiles[0].sets();
+  grid.exif_data = in.exif.data(), grid.exif_size = uint32_t(in.exif.size());
+  grid.xmp_data = reinterpret_cast<const uint8_t *>(in.xmp.data()), grid.xmp_size = uint32_t(in.xmp.size());
+  const tarnm_grid_info layout{512, 512, 2, 2, 1, 4, 5, 0};
+  tarnm_image_info thumb{};
+  thumb.img_type = IMG_TYPE_THUMBNAIL;
+  thumb.width = thumb.height = 128;
+  thumb.param_sets = in.thumb.sets();
+  if ((rc = tarnm_set_image_info(*out, 5, 0, &grid, &layout)) != 0) return rc;
+  if ((rc = tarnm_set_image_info(*out, 6, 5, &thumb, nullptr)) != 0) return rc;
+  for (uint32_t t = 0; t < 4; ++t) {
+    const Bytes &f = in.tiles[t].frame;
+    if ((rc = tarnm_put_frm(*out, t + 1, f.data(), uint32_t(f.size()))) != 0) return rc;
+  }
+  if ((rc = tarnm_put_frm(*out, 6, in.thumb.frame.data(), uint32_t(in.thumb.frame.size()))) != 0) return rc;
+  if ((rc = tarnm_set_cover_image(*out, 5)) != 0) return rc;
+  return tarnm_stop_muxing(*out);
+}
+
+Bytes reference_file() {
+  tarnm_ctx *w = nullptr;
+  Bytes file;
+  if (write_file(&w) == 0) {
+    file.resize(size_t(tarnm_get_outputbuffer_size(w)));
+    tarnm_dump_image_to_outputbuffer(w, file.data());
+  }
+  tarnm_delete(w);
+  return file;
+}
+
+TEST(WriterAllocFailure, EveryAllocationOfARoundTripFailsCleanly) {
+#if !defined(TARN_TEST_ALLOC_HOOK)
+  GTEST_SKIP() << "allocator wrapping needs glibc without sanitizers";
+#else
+  ASSERT_TRUE(inputs().ok);
+  const Bytes ref = reference_file();
+  ASSERT_FALSE(ref.empty());
+  Bytes out(ref.size() + 64);
+  long fail_at = 0;
+  for (;; ++fail_at) {
+    g_count = 0, g_live = 0, g_fail_at = fail_at, g_armed = true;
+    tarnm_ctx *w = nullptr;
+    const int32_t rc = write_file(&w);
+    const int32_t size = rc == 0 ? tarnm_get_outputbuffer_size(w) : -1;
+    const bool fits = size > 0 && size_t(size) <= out.size();
+    if (fits) tarnm_dump_image_to_outputbuffer(w, out.data());
+    tarnm_delete(w);
+    const bool reached = g_count > fail_at;
+    g_armed = false;
+    SCOPED_TRACE("failing allocation " + std::to_string(fail_at));
+    EXPECT_EQ(g_live, 0);
+    EXPECT_TRUE(rc == 0 || (rc <= -1 && rc >= -6)) << rc;
+    // A failure that was absorbed must still give the very same file.
+    if (rc == 0) {
+      EXPECT_TRUE(fits && Bytes(out.begin(), out.begin() + size) == ref);
+    }
+    if (!reached) break;
+  }
+  // Create, registration, the element lists and the metadata copies all
+  // allocate: a hook that saw few calls is not wired in.
+  EXPECT_GT(fail_at, 10);
+#endif
+}
+
+// Output operations that misbehave in the ways a full disk or a closed pipe
+// does; the file must still be dumped afterwards, whole.
+struct Sink {
+  tarnm_output_dsc dsc;  // first, so the descriptor is the sink
+  int mode;              // 0 good, 1 open fails, 2 half written, 3 nothing written
+  Bytes bytes;
+};
+void *sink_open(tarnm_output_dsc *d, int32_t) {
+  return reinterpret_cast<Sink *>(d)->mode == 1 ? nullptr : d;
+}
+void sink_close(void *) {}
+size_t sink_write(void *f, const void *data, size_t count) {
+  Sink *s = static_cast<Sink *>(f);
+  const size_t n = s->mode == 2 ? count / 2 : s->mode == 3 ? 0 : count;
+  s->bytes.insert(s->bytes.end(), static_cast<const uint8_t *>(data),
+                  static_cast<const uint8_t *>(data) + n);
+  return n;
+}
+
+TEST(WriterNothingLost, FailedOutputCanBeDumpedAgain) {
+  ASSERT_TRUE(inputs().ok);
+  const Bytes ref = reference_file();
+  ASSERT_FALSE(ref.empty());
+  for (int mode : {1, 2, 3}) {
+    SCOPED_TRACE(mode);
+    tarnm_ctx *w = nullptr;
+    ASSERT_EQ(write_file(&w), 0);
+    Sink bad{{sink_open, sink_close, nullptr, sink_write}, mode, {}};
+    EXPECT_EQ(tarnm_dump_image_to_file(w, &bad.dsc), -6);
+    Sink good{{sink_open, sink_close, nullptr, sink_write}, 0, {}};
+    EXPECT_EQ(tarnm_dump_image_to_file(w, &good.dsc), 0);
+    EXPECT_TRUE(good.bytes == ref);
+    tarnm_delete(w);
+  }
+}
+
+TEST(WriterNothingLost, DeliveredBufferIsNeverWrittenPastItsSize) {
+  ASSERT_TRUE(inputs().ok);
+  const Bytes ref = reference_file();
+  ASSERT_FALSE(ref.empty());
+  const int32_t n = int32_t(ref.size());
+  struct Case {
+    int32_t size;
+    bool fits;
+  } const kCases[] = {{n + 100, true}, {n, true}, {n - 1, false}, {n / 2, false}, {64, false}};
+  for (const Case &c : kCases) {
+    SCOPED_TRACE(c.size);
+    Bytes buf(size_t(c.size) + 256, 0xEE);
+    tarnm_ctx *w = nullptr;
+    const int32_t rc = write_file(&w, buf.data(), c.size);
+    EXPECT_EQ(rc == 0, c.fits) << rc;
+    for (size_t i = size_t(c.size); i < buf.size(); ++i) ASSERT_EQ(buf[i], 0xEE) << "at " << i;
+    if (rc == 0) {
+      EXPECT_TRUE(Bytes(buf.begin(), buf.begin() + n) == ref);
+    }
+    tarnm_delete(w);
+  }
+}
+
+}  // namespace
+}  // namespace tarn_test

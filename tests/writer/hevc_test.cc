@@ -1,0 +1,402 @@
+// SPS decoding and the hvcC record: x265 streams, hand-built parameter sets
+// reaching the corners of Exp-Golomb coding, sub-layers and emulation
+// prevention, refusals, and the record rebuilt for every hvcC of the corpus.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+#include "support/files.h"
+#include "tarn/utils.h"
+#include "writer/writer_support.h"
+
+namespace {
+
+using tarn_test::Bytes;
+using tarn_test::HevcStream;
+
+tarnm_hevc_sps decode(const Bytes &nal) {
+  omni_bsr bs;
+  std::memset(&bs, 0, sizeof bs);
+  omni_bsr_init(&bs, nal.data() + 2, uint32_t(nal.size() - 2), tarnm_hevc_bs_flush);
+  tarnm_hevc_sps sps;
+  std::memset(&sps, 0, sizeof sps);
+  tarnm_hevc_sps_dec(&bs, &sps);
+  return sps;
+}
+
+// Builds the record; status -1 when either call refuses.
+Bytes build(const tarnm_param_sets &ps, int32_t *status) {
+  const int32_t size = tarnm_get_hvcc_size(&ps);
+  Bytes out(size > 0 ? size_t(size) : 1, 0xEE);
+  *status = size < 0 ? -1 : tarnm_make_hvcc(&ps, out.data());
+  return out;
+}
+
+tarnm_param_sets one_each(const Bytes &vps, const Bytes &sps, const Bytes &pps) {
+  HevcStream s;
+  s.vps = {vps};
+  s.sps = {sps};
+  s.pps = {pps};
+  tarnm_param_sets ps = s.param_sets();
+  ps.vps_data[0] = vps.data();  // s is gone: point at the callers' units
+  ps.sps_data[0] = sps.data();
+  ps.pps_data[0] = pps.data();
+  return ps;
+}
+
+TEST(SpsDecoder, EncoderStreamsAndTruncation) {
+  const struct {
+    const char *file;
+    uint32_t width, height;  // after the conformance window
+    uint8_t chroma, depth_minus8, profile, level;
+  } kCases[] = {
+      {"single512.hevc", 512, 512, 1, 0, 3, 90},   {"tile3.hevc", 256, 256, 1, 0, 3, 60},
+      {"thumb128.hevc", 128, 128, 1, 0, 3, 30},    {"alpha512.hevc", 512, 512, 0, 0, 4, 90},
+      {"image10bit.hevc", 320, 240, 1, 2, 4, 60},  {"odd302x198.hevc", 302, 198, 1, 0, 3, 60},
+      {"odd150x90.hevc", 150, 90, 1, 0, 3, 30},
+  };
+  for (const auto &c : kCases) {
+    SCOPED_TRACE(c.file);
+    HevcStream s;
+    ASSERT_TRUE(tarn_test::load_stream(c.file, &s));
+    const tarnm_hevc_sps p = decode(s.sps[0]);
+    const uint32_t sub_w = c.chroma == 1 || c.chroma == 2 ? 2 : 1, sub_h = c.chroma == 1 ? 2 : 1;
+    EXPECT_EQ(std::vector<uint32_t>({p.pic_width_in_luma_samples -
+                                         sub_w * (p.conf_win_left_offset + p.conf_win_right_offset),
+                                     p.pic_height_in_luma_samples -
+                                         sub_h * (p.conf_win_top_offset + p.conf_win_bottom_offset),
+                                     p.chroma_format_idc, p.bit_depth_luma_minus8,
+                                     p.bit_depth_chroma_minus8, p.general_profile_idc,
+                                     p.general_level_idc, p.sps_max_sub_layers_minus1}),
+              std::vector<uint32_t>({c.width, c.height, c.chroma, c.depth_minus8, c.depth_minus8,
+                                     c.profile, c.level, 0}));
+  }
+  // Cut anywhere: no read past the end (sanitizer build), the end value lands.
+  HevcStream s;
+  ASSERT_TRUE(tarn_test::load_stream("odd302x198.hevc", &s));
+  for (size_t len = 2; len < s.sps[0].size(); ++len) {
+    Bytes cut(s.sps[0].begin(), s.sps[0].begin() + long(len));
+    cut.shrink_to_fit();
+    const tarnm_hevc_sps p = decode(cut);
+    if (len < 15) {
+      EXPECT_EQ(p.bit_depth_chroma_minus8, 0xFE) << len;
+    }
+  }
+}
+
+// MSB-first bits of an SPS; nal() adds the stop bit, the NAL header and
+// emulation prevention.
+struct SpsBits {
+  std::vector<uint8_t> bits;
+  void u(uint32_t n, uint64_t v) {
+    while (n-- > 0) bits.push_back(uint8_t(v >> n & 1));
+  }
+  void ue(uint64_t value) {
+    uint32_t len = 0;
+    while (((value + 1) >> len) > 1) ++len;
+    u(len, 0);
+    u(len + 1, value + 1);
+  }
+  Bytes nal() const {
+    std::vector<uint8_t> b = bits;
+    b.push_back(1);
+    while (b.size() % 8) b.push_back(0);
+    Bytes out = {0x42, 0x01};
+    int zeros = 0;
+    for (size_t i = 0; i < b.size(); i += 8) {
+      uint8_t byte = 0;
+      for (size_t j = 0; j < 8; ++j) byte = uint8_t(byte << 1 | b[i + j]);
+      if (zeros >= 2 && byte <= 3) out.push_back(3), zeros = 0;
+      out.push_back(byte);
+      zeros = byte == 0 ? zeros + 1 : 0;
+    }
+    return out;
+  }
+};
+
+struct SpsFields {
+  uint32_t sub_layers_minus1, profile_present, level_present;  // bit i: sub-layer i
+  uint32_t compat;
+  uint64_t constraints;
+  uint32_t level;
+  uint64_t sps_id, chroma, width, height, conf_r, conf_b, luma, chroma_depth;
+};
+
+Bytes make_sps(const SpsFields &s) {
+  SpsBits b;
+  b.u(4, 0), b.u(3, s.sub_layers_minus1), b.u(1, 1);
+  b.u(2, 0), b.u(1, 0), b.u(5, 1), b.u(32, s.compat), b.u(48, s.constraints), b.u(8, s.level);
+  for (uint32_t i = 0; i < s.sub_layers_minus1; ++i) {
+    b.u(1, s.profile_present >> i & 1), b.u(1, s.level_present >> i & 1);
+  }
+  for (uint32_t i = s.sub_layers_minus1; i < 8 && s.sub_layers_minus1 > 0; ++i) b.u(2, 0);
+  for (uint32_t i = 0; i < s.sub_layers_minus1; ++i) {
+    if (s.profile_present >> i & 1) b.u(3, 3), b.u(5, 2 + i), b.u(32, 0xA5A5A5A5u), b.u(48, 0xAull << 44);
+    if (s.level_present >> i & 1) b.u(8, 30 + i);
+  }
+  b.ue(s.sps_id), b.ue(s.chroma);
+  if (s.chroma == 3) b.u(1, 1);
+  b.ue(s.width), b.ue(s.height);
+  const bool conf = s.conf_r || s.conf_b;
+  b.u(1, conf);
+  if (conf) b.ue(0), b.ue(s.conf_r), b.ue(0), b.ue(s.conf_b);
+  b.ue(s.luma), b.ue(s.chroma_depth), b.ue(4);
+  return b.nal();
+}
+
+TEST(SpsDecoder, BuiltParameterSets) {
+  const struct {
+    const char *name;
+    SpsFields f;
+    uint32_t width;  // as decoded
+  } kCases[] = {
+      {"smallest codes", {0, 0, 0, 0x60000000, 0x900000000000, 93, 0, 1, 0, 1, 0, 0, 0, 0}, 0},
+      {"4032x3024", {0, 0, 0, 0x60000000, 0x900000000000, 150, 1, 2, 4032, 3024, 0, 0, 0, 0}, 4032},
+      {"conformance window", {0, 0, 0, 0x60000000, 0x900000000000, 90, 0, 1, 304, 200, 1, 1, 2, 2}, 304},
+      {"4:4:4, colour plane flag", {0, 0, 0, 0x08000000, 0, 120, 5, 3, 640, 480, 0, 0, 4, 4}, 640},
+      {"one sub-layer, no flags", {1, 0, 0, 0x40000000, 0x900000000000, 90, 0, 1, 1920, 1080, 0, 0, 0, 0}, 1920},
+      {"six sub-layers, all flags", {6, 0x3F, 0x3F, 0x40000000, 0x900000000000, 90, 0, 1, 64, 64, 0, 0, 0, 0}, 64},
+      {"sub-layers, mixed flags", {3, 0x5, 0x2, 0x40000000, 0x900000000000, 90, 15, 1, 96, 96, 0, 0, 1, 3}, 96},
+      {"zeros force emulation prevention", {0, 0, 0, 0, 0, 0, 0, 1, 16, 16, 0, 0, 0, 0}, 16},
+      {"15 leading zeros", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 65534, 8, 0, 0, 0, 0}, 65534},
+      {"16 leading zeros", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 65535, 8, 0, 0, 0, 0}, 65535},
+      {"24 leading zeros", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 20000000, 8, 0, 0, 0, 0}, 20000000},
+      {"31 leading zeros", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 0xFFFFFFFEu, 8, 0, 0, 0, 0}, 0xFFFFFFFEu},
+      {"32 leading zeros", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 0xFFFFFFFFull, 8, 0, 0, 0, 0}, 0xFFFFFFFEu},
+  };
+  for (const auto &c : kCases) {
+    SCOPED_TRACE(c.name);
+    const SpsFields &f = c.f;
+    const Bytes nal = make_sps(f);
+    const tarnm_hevc_sps p = decode(nal);
+    EXPECT_EQ(std::vector<uint64_t>({p.sps_max_sub_layers_minus1, p.general_profile_compatibility_flags,
+                                     p.general_constraint_indicator_flags, p.general_level_idc,
+                                     p.sps_seq_parameter_set_id, p.chroma_format_idc,
+                                     p.separate_colour_plane_flag, p.pic_width_in_luma_samples}),
+              std::vector<uint64_t>({f.sub_layers_minus1, f.compat, f.constraints, f.level, f.sps_id,
+                                     f.chroma, f.chroma == 3, c.width}));
+    for (uint32_t i = 0; i < f.sub_layers_minus1; ++i) {
+      const uint32_t prof = f.profile_present >> i & 1, lev = f.level_present >> i & 1;
+      EXPECT_EQ(std::vector<uint32_t>({p.sub_layer_profile_present_flag[i], p.sub_layer_level_present_flag[i]}),
+                std::vector<uint32_t>({prof, lev}));
+      if (prof) {
+        EXPECT_EQ(std::vector<uint32_t>({p.sub_layer_profile_idc[i],
+                                         p.sub_layer_profile_compatibility_flag[i][0],
+                                         p.sub_layer_profile_compatibility_flag[i][1],
+                                         p.sub_layer_progressive_source_flag[i],
+                                         p.sub_layer_frame_only_constraint_flag[i]}),
+                  std::vector<uint32_t>({2 + i, 1, 0, 1, 0}));
+      }
+      if (lev) {
+        EXPECT_EQ(p.sub_layer_level_idc[i], 30 + i);
+      }
+    }
+    if (f.width < 0xFFFFFFFFull) {
+      EXPECT_EQ(std::vector<uint64_t>({p.pic_height_in_luma_samples, p.conf_win_right_offset,
+                                       p.conf_win_bottom_offset, p.bit_depth_luma_minus8,
+                                       p.bit_depth_chroma_minus8}),
+                std::vector<uint64_t>({f.height, f.conf_r, f.conf_b, f.luma, f.chroma_depth}));
+    }
+  }
+  const Bytes zeros = make_sps(kCases[7].f);  // really carries a 00 00 03
+  static const uint8_t kEpb[3] = {0, 0, 3};
+  EXPECT_NE(std::search(zeros.begin(), zeros.end(), kEpb, kEpb + 3), zeros.end());
+}
+
+TEST(HvccBuilder, LayoutAndRefusals) {
+  HevcStream s;
+  ASSERT_TRUE(tarn_test::load_stream("single512.hevc", &s));
+  Bytes vps(24, 0x40), pps(8, 0x44), sps40 = s.sps[0], huge(65536, 0x44);
+  sps40.resize(40, 0x80);
+  const struct {
+    int32_t vps, sps, pps, size;
+    uint8_t arrays, first_type;
+  } kLayouts[] = {
+      {1, 1, 1, 23 + 29 + 45 + 13, 3, 0x20},
+      {1, 2, 1, 23 + 29 + (3 + 2 * 42) + 13, 3, 0x20},
+      {0, 1, 1, 23 + 45 + 13, 2, 0x21},
+      {4, 4, 4, 23 + (3 + 4 * 26) + (3 + 4 * 42) + (3 + 4 * 10), 3, 0x20},
+  };
+  for (const auto &c : kLayouts) {
+    tarnm_param_sets ps = one_each(vps, sps40, pps);
+    for (int i = 1; i < 4; ++i) {
+      ps.vps_size[i] = ps.vps_size[0], ps.vps_data[i] = ps.vps_data[0];
+      ps.sps_size[i] = ps.sps_size[0], ps.sps_data[i] = ps.sps_data[0];
+      ps.pps_size[i] = ps.pps_size[0], ps.pps_data[i] = ps.pps_data[0];
+    }
+    ps.vps_count = c.vps, ps.sps_count = c.sps, ps.pps_count = c.pps;
+    int32_t status;
+    const Bytes rec = build(ps, &status);
+    ASSERT_EQ(status, 0);
+    ASSERT_EQ(int32_t(rec.size()), c.size);
+    // Reserved bits set, 4:2:0, 8 bits, 4-byte lengths.
+    EXPECT_EQ(Bytes({1, 0xF0, 0, 0xFC, 0xFD, 0xF8, 0xF8, 3, c.arrays, c.first_type}),
+              Bytes({rec[0], rec[13], rec[14], rec[15], rec[16], rec[17], rec[18], rec[21], rec[22], rec[23]}));
+  }
+  using P = tarnm_param_sets;
+  static const Bytes *g_huge;
+  g_huge = &huge;
+  const struct {
+    const char *name;
+    void (*mutate)(P *ps);
+  } kRefusals[] = {
+      {"VPS count 5", [](P *ps) { ps->vps_count = 5; }},
+      {"SPS count -1", [](P *ps) { ps->sps_count = -1; }},
+      {"PPS count -1", [](P *ps) { ps->pps_count = -1; }},
+      {"no VPS", [](P *ps) { ps->vps_data[0] = nullptr; }},
+      {"no SPS", [](P *ps) { ps->sps_data[0] = nullptr; }},
+      {"no PPS", [](P *ps) { ps->pps_data[0] = nullptr; }},
+      {"SPS of 7 bytes", [](P *ps) { ps->sps_size[0] = 7; }},
+      {"SPS cut after its profile", [](P *ps) { ps->sps_size[0] = 15; }},
+      {"PPS of 65536 bytes", [](P *ps) { ps->pps_size[0] = 65536, ps->pps_data[0] = g_huge->data(); }},
+      {"second PPS missing", [](P *ps) { ps->pps_count = 2, ps->pps_size[1] = 4; }},
+  };
+  for (const auto &c : kRefusals) {
+    SCOPED_TRACE(c.name);
+    tarnm_param_sets ps = one_each(vps, s.sps[0], pps);
+    c.mutate(&ps);
+    Bytes out(200000, 0xEE);
+    EXPECT_EQ(tarnm_make_hvcc(&ps, out.data()), -1);
+    EXPECT_EQ(out[0], 0xEE);  // nothing written
+  }
+  EXPECT_EQ(tarnm_get_hvcc_size(nullptr), -1);
+  // An SPS that decodes to values no stream has.
+  const struct {
+    const char *name;
+    SpsFields f;
+    int32_t rc;
+  } kImpossible[] = {
+      {"plausible", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 2, 2}, 0},
+      {"chroma format 4", {0, 0, 0, 0x60000000, 0, 90, 0, 4, 64, 64, 0, 0, 0, 0}, -1},
+      {"17-bit luma", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 9, 0}, -1},
+      {"17-bit chroma", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 0, 9}, -1},
+      {"8 sub-layers", {7, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 0, 0}, -1},
+      {"zero width", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 0, 64, 0, 0, 0, 0}, -1},
+  };
+  const Bytes short_vps = {0x40, 0x01, 0x0C, 0x01}, short_pps = {0x44, 0x01, 0xC1};
+  for (const auto &c : kImpossible) {
+    const Bytes sps = make_sps(c.f);
+    const tarnm_param_sets ps = one_each(short_vps, sps, short_pps);
+    Bytes out(size_t(tarnm_get_hvcc_size(&ps)), 0);
+    EXPECT_EQ(tarnm_make_hvcc(&ps, out.data()), c.rc) << c.name;
+  }
+}
+
+// Parameter-set units of an hvcC payload by NAL type, or false when the
+// arrays overrun it.
+bool hvcc_units(const Bytes &p, std::vector<std::pair<uint8_t, Bytes>> *units) {
+  size_t off = 23;
+  for (int a = 0; p.size() >= 23 && a < p[22]; ++a) {
+    if (p.size() - off < 3) return false;
+    const uint8_t type = p[off] & 0x3F;
+    const size_t n = size_t(p[off + 1] << 8 | p[off + 2]);
+    off += 3;
+    for (size_t i = 0; i < n; ++i) {
+      if (p.size() - off < 2 || p.size() - off - 2 < size_t(p[off] << 8 | p[off + 1])) return false;
+      const size_t len = size_t(p[off] << 8 | p[off + 1]);
+      units->emplace_back(type, Bytes(p.begin() + long(off + 2), p.begin() + long(off + 2 + len)));
+      off += 2 + len;
+    }
+  }
+  return p.size() >= 23;
+}
+
+// Every hvcC of the corpus rebuilt from its own parameter sets matches the
+// original in every field the writer derives (constants such as segmentation,
+// parallelism and frame rate aside). Several encoders leave the 48 constraint
+// flags at zero whatever the SPS says; the writer takes them from the SPS.
+TEST(HvccBuilder, MatchesEveryCorpusFile) {
+  TARN_REQUIRE_CORPUS();
+  std::vector<std::string> files;
+  for (const char *folder : {"nokia", "phones", "synthetic"}) {
+    for (const auto &e : std::filesystem::directory_iterator(tarn_test::corpus_dir() + "/" + folder)) {
+      files.push_back(e.path().string());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  int checked = 0;
+  for (const std::string &path : files) {
+    SCOPED_TRACE(path);
+    Bytes file;
+    ASSERT_TRUE(tarn_test::read_file(path, &file));
+    // meta / iprp / ipco / hvcC
+    std::vector<tarn_test::Span> level = tarn_test::children(file, 0, file.size());
+    size_t skip = 4;
+    for (const char *type : {"meta", "iprp", "ipco"}) {
+      auto it = std::find_if(level.begin(), level.end(),
+                             [&](const tarn_test::Span &b) { return b.type == tarn_test::fcc(type); });
+      ASSERT_NE(it, level.end()) << type;
+      level = tarn_test::children(file, it->begin + 8 + skip, it->end);
+      skip = 0;
+    }
+    for (const tarn_test::Span &b : level) {
+      if (b.type != tarn_test::fcc("hvcC")) continue;
+      const Bytes original(file.begin() + long(b.begin + 8), file.begin() + long(b.end));
+      std::vector<std::pair<uint8_t, Bytes>> units, again;
+      ASSERT_TRUE(hvcc_units(original, &units));
+      HevcStream s;
+      for (const auto &u : units) {
+        if (u.first >= 32 && u.first <= 34) (u.first == 32 ? s.vps : u.first == 33 ? s.sps : s.pps).push_back(u.second);
+      }
+      ASSERT_FALSE(s.vps.empty() || s.sps.empty() || s.pps.empty());
+      int32_t status;
+      const Bytes rec = build(s.param_sets(), &status);
+      ASSERT_EQ(status, 0);
+      // Profile, tier, compatibility, constraints and level as the SPS has
+      // them (without emulation prevention); this camera's hvcC clears the
+      // tier and bit-reverses the compatibility bytes, so the SPS wins.
+      Bytes sps;
+      for (size_t i = 2, zeros = 0; i < s.sps[0].size() && sps.size() < 13; ++i) {
+        if (zeros >= 2 && s.sps[0][i] == 3) {
+          zeros = 0;
+          continue;
+        }
+        sps.push_back(s.sps[0][i]);
+        zeros = s.sps[0][i] == 0 ? zeros + 1 : 0;
+      }
+      ASSERT_EQ(sps.size(), 13u);
+      EXPECT_EQ(Bytes(rec.begin() + 1, rec.begin() + 13), Bytes(sps.begin() + 1, sps.end()));
+      if (path.find("sony_grid_jpeg_thumb.hif") == std::string::npos) {
+        EXPECT_EQ(Bytes(rec.begin() + 1, rec.begin() + 6), Bytes(original.begin() + 1, original.begin() + 6));
+      }
+      EXPECT_EQ(Bytes({rec[12], uint8_t(rec[16] & 3), uint8_t(rec[17] & 7), uint8_t(rec[18] & 7),
+                       uint8_t(rec[21] & 3)}),
+                Bytes({original[12], uint8_t(original[16] & 3), uint8_t(original[17] & 7),
+                       uint8_t(original[18] & 7), uint8_t(original[21] & 3)}));
+      ASSERT_TRUE(hvcc_units(rec, &again));
+      std::stable_sort(units.begin(), units.end(),
+                       [](const auto &x, const auto &y) { return x.first < y.first; });
+      units.erase(std::remove_if(units.begin(), units.end(),
+                                 [](const auto &u) { return u.first < 32 || u.first > 34; }),
+                  units.end());
+      EXPECT_EQ(again, units);
+      ++checked;
+    }
+  }
+  EXPECT_GT(checked, 60);
+}
+
+// Every stream of tests/data/hevc gives a record the writer's own SPS
+// decoder agrees with.
+TEST(HvccBuilder, MatchesEveryTestStream) {
+  for (const auto &e : std::filesystem::directory_iterator(tarn_test::data_path("hevc"))) {
+    if (e.path().extension() != ".hevc") continue;
+    SCOPED_TRACE(e.path().string());
+    HevcStream s;
+    ASSERT_TRUE(tarn_test::load_stream(e.path().filename().string(), &s));
+    int32_t status;
+    const Bytes rec = build(s.param_sets(), &status);
+    ASSERT_EQ(status, 0);
+    const tarnm_hevc_sps p = decode(s.sps[0]);
+    EXPECT_EQ(std::vector<uint32_t>({rec[1] & 0x1Fu, rec[12], rec[16] & 3u, rec[17] & 7u, rec[18] & 7u}),
+              std::vector<uint32_t>({p.general_profile_idc, p.general_level_idc, p.chroma_format_idc,
+                                     p.bit_depth_luma_minus8, p.bit_depth_chroma_minus8}));
+    std::vector<std::pair<uint8_t, Bytes>> units;
+    ASSERT_TRUE(hvcc_units(rec, &units));
+    EXPECT_EQ(units.size(), s.vps.size() + s.sps.size() + s.pps.size());
+  }
+}
+
+}  // namespace

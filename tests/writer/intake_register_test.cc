@@ -1,0 +1,321 @@
+// Registration and intake through the public calls: refusals that leave a
+// context which still finishes into a readable file, start codes turned into
+// lengths, a delivered buffer that runs full, and finishing.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "support/log_capture.h"
+#include "writer/writer_support.h"
+
+namespace {
+
+using tarn_test::Bytes;
+using tarn_test::HevcStream;
+using tarn_test::Mux;
+
+struct Fixture {
+  HevcStream single, tile, thumb;
+  Fixture() {
+    EXPECT_TRUE(tarn_test::load_stream("single512.hevc", &single));
+    EXPECT_TRUE(tarn_test::load_stream("tile0.hevc", &tile));
+    EXPECT_TRUE(tarn_test::load_stream("thumb128.hevc", &thumb));
+  }
+};
+
+Bytes g_sps_cut;  // an SPS cut inside its profile
+const uint8_t kDepths[4] = {8, 8, 8, 8}, kByte = 0;
+
+TEST(Register, RefusalsLeaveTheContextUsable) {
+  const Fixture fx;
+  g_sps_cut.assign(fx.single.sps[0].begin(), fx.single.sps[0].begin() + 12);
+  using I = tarnm_image_info;
+  using G = tarnm_grid_info;
+  struct Case {
+    const char *name;
+    void (*mutate)(I *i, G *g);
+    bool grid;
+    const char *line;  // besides "failed to set image info!"
+  };
+  static const Case kCases[] = {
+      {"no parameter sets", [](I *i, G *) { i->param_sets = tarnm_param_sets{}; }, false,
+       "failed to make hvcC data"},
+      {"SPS cut short", [](I *i, G *) {
+         i->param_sets.sps_data[0] = g_sps_cut.data();
+         i->param_sets.sps_size[0] = uint32_t(g_sps_cut.size());
+       }, false, "failed to make hvcC data"},
+      {"five PPS", [](I *i, G *) { i->param_sets.pps_count = 5; }, false,
+       "hvcC data size is abnormal(-1)"},
+      {"image type 6", [](I *i, G *) { i->img_type = 6; }, false,
+       "Should not be here. unsupported image type(6)"},
+      {"four bit depths", [](I *i, G *) {
+         i->bit_depth = kDepths;
+         i->bit_depth_info_count = 4;
+       }, false, "to big bit_depth_info_count(4)"},
+      {"4096 x 3073 pixels", [](I *i, G *) { i->width = 4096, i->height = 3073; }, false, nullptr},
+      {"pixels wrapping 32 bits", [](I *i, G *) { i->width = i->height = 65536; }, false, nullptr},
+      {"zero width", [](I *i, G *) { i->width = 0; }, false, "image size is abnormal(0x128)"},
+      {"tile id already registered", [](I *, G *g) { g->first_tile_id = 1, g->last_tile_id = 4; },
+       true, "item 1 is already registered"},
+      {"Exif size without data", [](I *i, G *) { i->exif_size = 10; }, false,
+       "metadata pointer is NULL"},
+      {"Exif beyond what the heap addresses", [](I *i, G *) {
+         i->exif_data = &kByte;
+         i->exif_size = 0x7FFFFFFC;
+       }, false, "metadata is too big. exif size : 2147483644, xmp size : 0"},
+      {"tone map size without data", [](I *i, G *) {
+         i->img_type = IMG_TYPE_TMAP;
+         i->tmap_size = 5;
+       }, false, "gain map info is NULL. size : 5"},
+      {"tone-map grid", [](I *i, G *) { i->img_type = IMG_TYPE_TMAP; }, true,
+       "Should not be here. unsupported image type(3)"},
+      {"1 x 769 tiles", [](I *, G *g) { g->rows = 1, g->columns = 769, g->last_tile_id = 778; },
+       true, nullptr},
+      {"tile range short", [](I *, G *g) { g->last_tile_id = 12; }, true,
+       "grid tile ids 10..12 do not hold 2 x 2 tiles apart from grid 20"},
+      {"grid id inside the tile range", [](I *, G *g) { g->first_tile_id = 18, g->last_tile_id = 21; },
+       true, "grid tile ids 18..21 do not hold 2 x 2 tiles apart from grid 20"},
+      {"grid id other than the item id", [](I *, G *g) { g->grid_item_id = 21; }, true,
+       "grid item id(21) differs from item id(20)"},
+      {"output larger than the tiles", [](I *, G *g) { g->output_width = 513; }, true,
+       "grid output 513x512 does not match 2 x 2 tiles of 256x256"},
+      {"a row of tiles outside the output", [](I *, G *g) { g->output_height = 256; }, true,
+       "grid output 512x256 does not match 2 x 2 tiles of 256x256"},
+  };
+  for (const Case &c : kCases) {
+    SCOPED_TRACE(c.name);
+    Mux mux;
+    ASSERT_EQ(mux.image(1, 0, Mux::info_for(fx.single, 512, 512)), 0);
+    ASSERT_EQ(mux.frame(1, fx.single), 0);
+    ASSERT_EQ(mux.cover(1), 0);
+    tarnm_image_info info = Mux::info_for(c.grid ? fx.tile : fx.thumb, 128, 128);
+    tarnm_grid_info grid{512, 512, 2, 2, 10, 13, 20, 0};
+    if (c.grid) info.width = info.height = 256;
+    c.mutate(&info, &grid);
+    tarn_test::LogCapture cap;
+    EXPECT_EQ(mux.image(20, 0, info, c.grid ? &grid : nullptr), -1);
+    EXPECT_TRUE(cap.has("failed to set image info!", "tarnm")) << cap.dump();
+    if (c.line) {
+      EXPECT_TRUE(cap.has(c.line)) << cap.dump();
+    }
+    tarn_test::check_with_reader(mux.finish(), mux.expect);
+  }
+  // The largest accepted: 4096x3072, 768 tiles, three bit depths.
+  Mux mux;
+  EXPECT_EQ(mux.image(1, 0, Mux::info_for(fx.single, 4096, 3072)), 0);
+  const tarnm_grid_info g{8192, 6144, 24, 32, 10, 10 + 767, 800, 0};
+  EXPECT_EQ(mux.image(800, 0, Mux::info_for(fx.tile, 256, 256), &g), 0);
+  tarnm_image_info deep = Mux::info_for(fx.thumb, 128, 128);
+  deep.bit_depth = kDepths;
+  deep.bit_depth_info_count = 3;
+  static const uint8_t kIcc[64] = {0, 0, 0, 64};
+  deep.color_type = 2;
+  deep.color_data = kIcc;
+  deep.color_size = sizeof kIcc;
+  EXPECT_EQ(mux.image(801, 0, deep), 0);
+  // Equal hvcC, ispe, pixi and colour are one box each.
+  const uint32_t boxes = mux.st().ipco_list.elem_count;
+  EXPECT_EQ(mux.image(802, 0, deep), 0);
+  EXPECT_EQ(mux.st().ipco_list.elem_count, boxes);
+  tarn_test::LogCapture cap;
+  EXPECT_EQ(tarnm_set_cover_image(mux.ctx, -1), -1);
+  EXPECT_TRUE(cap.has("img_id is invalid : -1", "tarnm"));
+  EXPECT_EQ(tarnm_set_cover_image(nullptr, 1), -1);
+  EXPECT_TRUE(cap.has("TARNM is NULL", "tarnm"));
+}
+
+// Exif item and group ids start above the largest id in use whatever the
+// registration order; a tone map without data still gets dimg and altr.
+TEST(Register, WriterIdsAboveLargestId) {
+  const Fixture fx;
+  static const uint8_t kExif[100] = {'E', 'x', 'i', 'f'};
+  Mux mux;
+  ASSERT_EQ(mux.cover(3), 0);
+  ASSERT_EQ(mux.image(50, 0, Mux::info_for(fx.thumb, 128, 128)), 0);
+  tarnm_image_info i = Mux::info_for(fx.single, 512, 512);
+  i.exif_data = kExif;
+  i.exif_size = sizeof kExif;
+  ASSERT_EQ(mux.image(3, 0, i), 0);
+  tarnm_image_info t{};
+  t.img_type = IMG_TYPE_TMAP;
+  t.width = 4000;
+  t.height = 3000;
+  t.rotation = 90;
+  ASSERT_EQ(mux.image(4, 50, t), 0);
+  // The caller's record describes the stored orientation afterwards.
+  ASSERT_EQ(tarnm_set_image_info(mux.ctx, 5, 50, &t, nullptr), 0);
+  EXPECT_EQ(std::vector<uint32_t>({t.width, t.height, t.rotation}),
+            std::vector<uint32_t>({3000, 4000, 0}));
+  ASSERT_EQ(mux.frame(50, fx.thumb), 0);
+  ASSERT_EQ(mux.frame(3, fx.single), 0);
+  const Bytes file = mux.finish();
+  auto has = [&](const Bytes &needle) {
+    return std::search(file.begin(), file.end(), needle.begin(), needle.end()) != file.end();
+  };
+  EXPECT_TRUE(has({0, 51, 0, 0, 'E', 'x', 'i', 'f'}));
+  EXPECT_TRUE(has({'c', 'd', 's', 'c', 0, 51, 0, 1, 0, 3}));
+  EXPECT_TRUE(has({'a', 'l', 't', 'r', 0, 0, 0, 0, 0, 0, 0, 52, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 3}));
+  EXPECT_TRUE(has({'a', 'l', 't', 'r', 0, 0, 0, 0, 0, 0, 0, 53, 0, 0, 0, 2, 0, 0, 0, 5, 0, 0, 0, 3}));
+}
+
+TEST(Intake, StartCodesBecomeLengths) {
+  // Units of 58, 70 and 10 bytes: a start code straddles the end of the
+  // converter's first 64-byte block, another lies in the third.
+  Bytes blocks, blocks_out, hundred = {0, 0, 0, 1}, hundred_out = {0, 0, 0, 100};
+  for (uint8_t len : {58, 70, 10}) {
+    blocks.insert(blocks.end(), {0, 0, 0, 1});
+    blocks_out.insert(blocks_out.end(), {0, 0, 0, len});
+    blocks.insert(blocks.end(), len, 0x66);
+    blocks_out.insert(blocks_out.end(), len, 0x66);
+  }
+  hundred.resize(104, 0x55);
+  hundred_out.resize(104, 0x55);
+  const struct {
+    const char *name;
+    Bytes in, out;
+  } kCases[] = {
+      {"two units", {0, 0, 0, 1, 0x40, 1, 0x0C, 0, 0, 0, 1, 0x42, 1},
+       {0, 0, 0, 3, 0x40, 1, 0x0C, 0, 0, 0, 2, 0x42, 1}},
+      {"one unit of 100 bytes", hundred, hundred_out},
+      {"start codes across blocks", blocks, blocks_out},
+      {"3-byte start code stays inside", {0, 0, 0, 1, 0x26, 0, 0, 1, 0x28, 7},
+       {0, 0, 0, 6, 0x26, 0, 0, 1, 0x28, 7}},
+      {"start code at the very end", {0, 0, 0, 1, 0x26, 9, 0, 0, 0, 1},
+       {0, 0, 0, 2, 0x26, 9, 0, 0, 0, 1}},
+      {"empty unit stops the conversion", {0, 0, 0, 1, 0, 0, 0, 1, 0x26, 0, 0, 0, 1, 0x28},
+       {0, 0, 0, 1, 0, 0, 0, 1, 0x26, 0, 0, 0, 1, 0x28}},
+      {"zeros before a start code belong to the unit", {0, 0, 0, 1, 0x26, 0, 0, 0, 0, 1, 0x28},
+       {0, 0, 0, 2, 0x26, 0, 0, 0, 0, 1, 0x28}},
+  };
+  for (const auto &c : kCases) {
+    SCOPED_TRACE(c.name);
+    Mux mux;
+    ASSERT_EQ(tarnm_put_frm(mux.ctx, 1, c.in.data(), uint32_t(c.in.size())), 0);
+    EXPECT_EQ(Bytes(mux.st().write_ptr - c.in.size(), mux.st().write_ptr), c.out);
+  }
+  // A frame cut anywhere is stored without reading past its end (sanitizer
+  // build) and with its first length entry intact.
+  const Fixture fx;
+  Bytes frame;
+  for (const Bytes *u : {&fx.thumb.vps[0], &fx.thumb.sps[0], &fx.thumb.slices[0]}) {
+    frame.insert(frame.end(), {0, 0, 0, 1});
+    frame.insert(frame.end(), u->begin(), u->end());
+  }
+  Mux mux;
+  const size_t vps = fx.thumb.vps[0].size();
+  for (size_t len = 5; len <= frame.size(); len += 7) {
+    Bytes cut(frame.begin(), frame.begin() + long(len));
+    cut.shrink_to_fit();
+    ASSERT_EQ(tarnm_put_frm(mux.ctx, 1, cut.data(), uint32_t(len)), 0);
+    EXPECT_EQ(tarn_test::be32(mux.st().write_ptr - len), len < 4 + vps ? len - 4 : vps) << len;
+  }
+}
+
+TEST(Intake, RefusalsLeaveNothingBehind) {
+  static const uint8_t kNoCode[] = {0x40, 1, 0x0C, 1, 0xFF}, kThree[] = {0, 0, 1, 0x40, 1, 0x0C},
+                       kCodeOnly[] = {0, 0, 0, 1};
+  const struct {
+    const uint8_t *data;
+    uint32_t size;
+    const char *line;
+  } kCases[] = {
+      {kNoCode, sizeof kNoCode, "frame of item 1 does not start with a start code"},
+      {kThree, sizeof kThree, "frame of item 1 does not start with a start code"},
+      {kCodeOnly, 4, "frame of item 1 does not start with a start code"},
+      {nullptr, 8, "invalid frame of item 1. size : 8"},
+      {kThree, 0, "invalid frame of item 1. size : 0"},
+      {kThree, 0x80000000u, "invalid frame of item 1. size : 2147483648"},
+  };
+  for (const auto &c : kCases) {
+    SCOPED_TRACE(c.line);
+    Mux mux;
+    const int32_t before = tarnm_get_outputbuffer_size(mux.ctx);
+    tarn_test::LogCapture cap;
+    EXPECT_EQ(tarnm_put_frm(mux.ctx, 1, c.data, c.size), -1);
+    EXPECT_TRUE(cap.has(c.line, "tarnm")) << cap.dump();
+    EXPECT_EQ(tarnm_get_outputbuffer_size(mux.ctx), before);
+    EXPECT_EQ(mux.st().iloc_list.elem_count, 0u);
+  }
+  EXPECT_EQ(tarnm_put_frm(nullptr, 1, kCodeOnly, 4), -1);
+  uint32_t offset = 77;
+  Mux empty;
+  EXPECT_EQ(tarnm_put_metadata(empty.ctx, 3, kCodeOnly, 0, &offset), -1);
+  EXPECT_EQ(offset, 77u);
+  // A frame under a grid's id, then a tile that never arrives: both refused;
+  // the file finishes once the tile is there.
+  const Fixture fx;
+  Mux mux;
+  const tarnm_grid_info g{512, 512, 2, 2, 1, 4, 5, 0};
+  ASSERT_EQ(mux.image(5, 0, Mux::info_for(fx.tile, 256, 256), &g), 0);
+  ASSERT_EQ(mux.cover(5), 0);
+  tarn_test::LogCapture cap;
+  EXPECT_EQ(mux.frame(5, fx.tile), -1);
+  EXPECT_TRUE(cap.has("item 5 is a grid and takes no frame", "tarnm"));
+  for (uint32_t id : {1u, 2u, 4u}) ASSERT_EQ(mux.frame(id, fx.tile), 0);
+  EXPECT_EQ(tarnm_stop_muxing(mux.ctx), -3);
+  EXPECT_TRUE(cap.has("grid 5 misses the frame of tile 3", "tarnm")) << cap.dump();
+  ASSERT_EQ(mux.frame(3, fx.tile), 0);
+  tarn_test::check_with_reader(mux.finish(), mux.expect);
+}
+
+// A delivered buffer exactly as large as the file so far: frames, metadata
+// and the items of finishing no longer fit, and nothing is written past it.
+TEST(Intake, DeliveredBufferRunsFull) {
+  const Fixture fx;
+  static const uint8_t kXmp[] = "<x:xmpmeta/>";
+  Mux mux;
+  tarnm_image_info i = Mux::info_for(fx.thumb, 128, 128);
+  i.xmp_data = kXmp;
+  i.xmp_size = sizeof kXmp;
+  ASSERT_EQ(mux.image(1, 0, i), 0);
+  ASSERT_EQ(mux.frame(1, fx.thumb), 0);
+  const int32_t used = tarnm_get_outputbuffer_size(mux.ctx);
+  Bytes buffer(size_t(used) + 1, 0xEE);
+  ASSERT_EQ(tarnm_use_delivered_memory_buffer(mux.ctx, buffer.data(), used), 0);
+  tarn_test::LogCapture cap;
+  const Bytes frame = fx.thumb.frame();
+  EXPECT_EQ(tarnm_put_frm(mux.ctx, 2, frame.data(), uint32_t(frame.size())), -4);
+  EXPECT_TRUE(cap.has("tarn_chunk_dump : buffer size is insufficient. buffer size : 0, "
+                      "required size : " + std::to_string(frame.size()), "tarnm"))
+      << cap.dump();
+  uint32_t offset = 0;
+  EXPECT_EQ(tarnm_put_metadata(mux.ctx, 3, kXmp, sizeof kXmp, &offset), -4);
+  EXPECT_EQ(mux.st().iloc_list.elem_count, 1u);
+  EXPECT_EQ(tarnm_stop_muxing(mux.ctx), -3);
+  EXPECT_TRUE(cap.has("failed to stop properly!", "tarnm"));
+  EXPECT_EQ(buffer.back(), 0xEE);
+}
+
+TEST(Finalise, MetadataFollowsTheFrameInMdat) {
+  const Fixture fx;
+  static const uint8_t kExif[] = {'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8};
+  static const uint8_t kXmp[] = "<x:xmpmeta/>";
+  Mux mux;
+  tarnm_image_info i = Mux::info_for(fx.single, 512, 512);
+  i.exif_data = kExif;
+  i.exif_size = sizeof kExif;
+  i.xmp_data = kXmp;
+  i.xmp_size = sizeof kXmp;
+  ASSERT_EQ(mux.image(1, 0, i), 0);
+  ASSERT_EQ(mux.frame(1, fx.single), 0);
+  ASSERT_EQ(mux.cover(1), 0);
+  uint32_t offset = 0;
+  tarn_test::LogCapture cap;
+  EXPECT_EQ(tarnm_get_metadata_offset(mux.ctx, 7, 1, &offset), -1);
+  EXPECT_TRUE(cap.has("7 image has no XMP metadata", "tarnm"));
+  const Bytes file = mux.finish();
+  ASSERT_GT(file.size(), 32u);
+  EXPECT_EQ(tarn_test::be32(&file[24]), 8 + fx.single.frame().size() + 4 + sizeof kExif + sizeof kXmp);
+  ASSERT_EQ(tarnm_get_metadata_offset(mux.ctx, 1, 0, &offset), 0);
+  ASSERT_LE(offset + 8, file.size());
+  EXPECT_EQ(Bytes(&file[offset], &file[offset] + 8), Bytes({0, 0, 0, 6, 'E', 'x', 'i', 'f'}));
+  ASSERT_EQ(tarnm_get_metadata_offset(mux.ctx, 1, 1, &offset), 0);
+  ASSERT_LE(offset + sizeof kXmp, file.size());
+  EXPECT_EQ(std::memcmp(&file[offset], kXmp, sizeof kXmp), 0);
+  tarn_test::check_with_reader(file, mux.expect);
+  EXPECT_EQ(tarnm_stop_muxing(mux.ctx), -3);  // finishing twice would describe all twice
+  EXPECT_EQ(tarnm_stop_muxing(nullptr), -1);
+}
+
+}  // namespace
