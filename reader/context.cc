@@ -136,6 +136,21 @@ bool create_item_tables(tarnd_ctx *ctx) {
   return true;
 }
 
+tarnd_item *claim_item_slot(tarnd_meta *meta, uint32_t id, const char *parser) {
+  tarnd_item *item = &meta->items[meta->infe_index];
+  if (item->item_id == 0) {
+    item->item_id = static_cast<uint16_t>(id);
+    return item;
+  }
+  uint32_t slot;
+  if (tarnd_find_itemIndex(meta->items, meta->item_cnt, id, &slot) != 0) {
+    TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found", parser,
+              static_cast<int>(id));
+    return nullptr;
+  }
+  return &meta->items[slot];
+}
+
 tarnd_property *claim_property_slot(tarnd_ctx *ctx, const tarnd_box *box, const char *parser) {
   tarnd_meta *meta = &ctx->meta;
   if (meta->properties == nullptr) {

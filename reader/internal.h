@@ -80,6 +80,11 @@ tarnd_property *claim_property_slot(tarnd_ctx *ctx, const tarnd_box *box, const 
 // Creates the item and displayable tables on the first of iinf and iloc.
 bool create_item_tables(tarnd_ctx *ctx);
 
+// The item for id as iinf and iloc fill the table: the running slot when it
+// is still free (it takes the id), else the slot that already holds id;
+// null with the parser's WARN line when neither.
+tarnd_item *claim_item_slot(tarnd_meta *meta, uint32_t id, const char *parser);
+
 // Releases everything the model owns (not the context itself).
 void release_model(tarnd_ctx *ctx);
 

@@ -162,18 +162,8 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     ctx->displayable_ids[ctx->displayable_cnt++] = id;
   }
 
-  tarnd_item *item = &meta->items[meta->infe_index];
-  if (item->item_id == 0) {
-    item->item_id = static_cast<uint16_t>(id);
-  } else {
-    uint32_t slot;
-    if (tarnd_find_itemIndex(meta->items, meta->item_cnt, id, &slot) != 0) {
-      TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found",
-                "parser_infe", static_cast<int>(id));
-      return -1;
-    }
-    item = &meta->items[slot];
-  }
+  tarnd_item *item = claim_item_slot(meta, id, "parser_infe");
+  if (item == nullptr) return -1;
   uint16_t protection_index;
   if (!read_u16(io, handle, &protection_index)) return -1;
 

@@ -103,18 +103,8 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
       TARN_LOGW("tarnd_handlers", "items are more than item count(%u)", meta->item_cnt);
       return -1;
     }
-    tarnd_item *item = &meta->items[meta->infe_index];
-    if (item->item_id == 0) {
-      item->item_id = static_cast<uint16_t>(id);
-    } else {
-      uint32_t slot;
-      if (tarnd_find_itemIndex(meta->items, meta->item_cnt, id, &slot) != 0) {
-        TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found",
-                  "parser_iloc", static_cast<int>(id));
-        return -1;
-      }
-      item = &meta->items[slot];
-    }
+    tarnd_item *item = claim_item_slot(meta, id, "parser_iloc");
+    if (item == nullptr) return -1;
     if (!read_entry(io, handle, layout, item)) return -1;
     ++meta->infe_index;
   }

@@ -7,38 +7,7 @@
 
 #include "reader/helpers.h"
 
-// The process allocator is wrapped on glibc builds without sanitizers (which
-// bring their own allocator): fail the allocation numbered g_fail_at, count
-// live blocks.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define TARN_TEST_NO_ALLOC_HOOK 1
-#endif
-#endif
-#if defined(__GLIBC__) && !defined(TARN_TEST_NO_ALLOC_HOOK) && !defined(__SANITIZE_ADDRESS__)
-#define TARN_TEST_ALLOC_HOOK 1
-namespace {
-bool g_armed = false;
-long g_count = 0, g_fail_at = -1, g_live = 0;
-bool should_fail() { return g_armed && g_count++ == g_fail_at; }
-void *track(void *p) { return g_live += g_armed && p != nullptr, p; }
-}  // namespace
-extern "C" {
-void *__libc_malloc(size_t size);
-void *__libc_calloc(size_t count, size_t size);
-void *__libc_realloc(void *p, size_t size);
-void __libc_free(void *p);
-void *malloc(size_t size) { return track(should_fail() ? nullptr : __libc_malloc(size)); }
-void *calloc(size_t count, size_t size) { return track(should_fail() ? nullptr : __libc_calloc(count, size)); }
-void *realloc(void *old, size_t size) {
-  return old == nullptr ? malloc(size) : should_fail() ? nullptr : __libc_realloc(old, size);
-}
-void free(void *p) {
-  g_live -= g_armed && p != nullptr;
-  __libc_free(p);
-}
-}
-#endif
+#include "support/alloc_hook.h"
 
 namespace tarn_test {
 namespace {
