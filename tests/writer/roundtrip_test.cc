@@ -100,12 +100,19 @@ const char kXmp[] =
     "xmlns:xmp=\"http://ns.adobe.com/xap/1.0/\" xmp:CreatorTool=\"libtarn round trip\"/>"
     "</rdf:RDF></x:xmpmeta><?xpacket end=\"w\"?>";
 
+// An ICC profile header that PNG writers accept (RGB display class, XYZ
+// connection space, D50 illuminant, no tags) when no real profile is
+// installed.
 const Bytes &icc() {
   static Bytes b;
   if (b.empty() && !tarn_test::read_file("/usr/share/color/icc/ghostscript/srgb.icc", &b)) {
-    b.assign(200, 0);  // profile-shaped when no real one is installed
-    b[3] = 200;
+    b.assign(132, 0);
+    b[3] = 132;
+    b[8] = 0x02, b[9] = 0x10;  // version 2.1
+    std::memcpy(&b[12], "mntrRGB XYZ ", 12);
     std::memcpy(&b[36], "acsp", 4);
+    const uint8_t d50[12] = {0, 0, 0xF6, 0xD6, 0, 1, 0, 0, 0, 0, 0xD3, 0x2D};
+    std::memcpy(&b[68], d50, sizeof(d50));
   }
   return b;
 }
@@ -248,7 +255,7 @@ bool have(const char *tool) {
 }
 std::string size_of(const std::string &png) {
   int status;
-  const std::string s = run("identify -format '%wx%h' '" + png + "'", &status);
+  const std::string s = run("(identify -format '%wx%h' '" + png + "' 2>/dev/null)", &status);
   return status == 0 ? s : "";
 }
 
