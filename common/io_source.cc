@@ -11,26 +11,15 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include "common/memory_source.h"
 #include "tarn/io.h"
 
-namespace {
+namespace tarn {
 
 // Caller-data members of the descriptor used by these sources.
 constexpr int kDataMember = 0;
 constexpr int kSizeMember = 1;
 constexpr int kPathMember = 0;
-
-struct MemorySource {
-  const uint8_t *data;
-  uint64_t size;
-  uint64_t pos;
-};
-
-struct FileSource {
-  FILE *file;
-  uint64_t size;
-  uint64_t pos;
-};
 
 void *memory_open(const tarnd_io_dsc *io, int32_t mode) {
   (void)mode;
@@ -41,29 +30,35 @@ void *memory_open(const tarnd_io_dsc *io, int32_t mode) {
   return src;
 }
 
-int32_t memory_close(void *handle) {
-  free(handle);
-  return 0;
-}
-
 uint32_t memory_read(void *handle, void *buffer, uint32_t count) {
   MemorySource *src = static_cast<MemorySource *>(handle);
   const uint64_t left = src->size - src->pos;
   const uint32_t n = count > left ? static_cast<uint32_t>(left) : count;
-  const uint8_t *from = src->data + src->pos;
-  // Box fields are read a few bytes at a time: copies of a constant size
-  // become plain loads instead of a library call.
-  if (n == 4) {
-    memcpy(buffer, from, 4);
-  } else if (n == 2) {
-    memcpy(buffer, from, 2);
-  } else if (n == 1) {
-    memcpy(buffer, from, 1);
-  } else if (n != 0) {
-    memcpy(buffer, from, n);
-  }
+  if (n != 0) memcpy(buffer, src->data + src->pos, n);
   src->pos += n;
   return n;
+}
+
+}  // namespace tarn
+
+namespace {
+
+using tarn::MemorySource;
+using tarn::memory_open;
+using tarn::memory_read;
+using tarn::kDataMember;
+using tarn::kPathMember;
+using tarn::kSizeMember;
+
+struct FileSource {
+  FILE *file;
+  uint64_t size;
+  uint64_t pos;
+};
+
+int32_t memory_close(void *handle) {
+  free(handle);
+  return 0;
 }
 
 int32_t memory_tell(void *handle, uint64_t *position) {

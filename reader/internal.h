@@ -5,7 +5,9 @@
 #define TARN_READER_INTERNAL_H
 
 #include <stdint.h>
+#include <string.h>
 
+#include "common/memory_source.h"
 #include "tarn/reader.h"
 
 // Box parsers, one per handler-table row; each is called with the source just
@@ -53,24 +55,136 @@ inline uint32_t fcc_load(const uint8_t *p) {
          static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
 
-// Reads exactly n bytes; a short read fails.
+// Every helper below reads a file held by the library's own memory source
+// in place and goes through the caller's callbacks otherwise; both ways
+// leave the source at the same position with the same result.
+
+// Reads exactly n bytes; a short read fails (and, like the callback, leaves
+// the source at its end).
 inline bool read_bytes(const tarnd_io_dsc *io, void *handle, void *buf, uint32_t n) {
+  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    const uint64_t left = m->size - m->pos;
+    if (left < n) {
+      m->pos = m->size;
+      return false;
+    }
+    memcpy(buf, m->data + m->pos, n);
+    m->pos += n;
+    return true;
+  }
   return io->read(handle, buf, n) == n;
 }
-bool read_u8(const tarnd_io_dsc *io, void *handle, uint8_t *v);
-bool read_u16(const tarnd_io_dsc *io, void *handle, uint16_t *v);
-bool read_u32(const tarnd_io_dsc *io, void *handle, uint32_t *v);
-bool read_u64(const tarnd_io_dsc *io, void *handle, uint64_t *v);
+
+// Reads a field of N bytes into b. Fixed sizes let the copy become a load.
+template <uint32_t N>
+inline bool read_field(const tarnd_io_dsc *io, void *handle, uint8_t (&b)[N]) {
+  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    if (m->size - m->pos < N) {
+      m->pos = m->size;
+      return false;
+    }
+    memcpy(b, m->data + m->pos, N);
+    m->pos += N;
+    return true;
+  }
+  return io->read(handle, b, N) == N;
+}
+
+inline bool read_u8(const tarnd_io_dsc *io, void *handle, uint8_t *v) {
+  uint8_t b[1];
+  if (!read_field(io, handle, b)) return false;
+  *v = b[0];
+  return true;
+}
+
+inline bool read_u16(const tarnd_io_dsc *io, void *handle, uint16_t *v) {
+  uint8_t b[2];
+  if (!read_field(io, handle, b)) return false;
+  *v = static_cast<uint16_t>(b[0] << 8 | b[1]);
+  return true;
+}
+
+inline bool read_u32(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
+  uint8_t b[4];
+  if (!read_field(io, handle, b)) return false;
+  *v = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
+       static_cast<uint32_t>(b[2]) << 8 | b[3];
+  return true;
+}
+
+inline bool read_u64(const tarnd_io_dsc *io, void *handle, uint64_t *v) {
+  uint32_t hi, lo;
+  if (!read_u32(io, handle, &hi) || !read_u32(io, handle, &lo)) return false;
+  *v = static_cast<uint64_t>(hi) << 32 | lo;
+  return true;
+}
+
 // Reads a big-endian field of 0, 4 or 8 bytes; any other width reads
 // nothing and yields 0.
-bool read_sized(const tarnd_io_dsc *io, void *handle, uint32_t width, uint64_t *v);
-bool read_fcc(const tarnd_io_dsc *io, void *handle, uint32_t *v);
-// Absolute move and forward move.
-bool seek_to(const tarnd_io_dsc *io, void *handle, uint64_t position);
-bool skip_by(const tarnd_io_dsc *io, void *handle, uint64_t count);
+inline bool read_sized(const tarnd_io_dsc *io, void *handle, uint32_t width, uint64_t *v) {
+  if (width == 8) return read_u64(io, handle, v);
+  if (width == 4) {
+    uint32_t v32;
+    if (!read_u32(io, handle, &v32)) return false;
+    *v = v32;
+    return true;
+  }
+  *v = 0;
+  return true;
+}
+
+inline bool read_fcc(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
+  uint8_t b[4];
+  if (!read_field(io, handle, b)) return false;
+  *v = fcc_load(b);
+  return true;
+}
+
+inline bool tell_pos(const tarnd_io_dsc *io, void *handle, uint64_t *position) {
+  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    *position = m->pos;
+    return true;
+  }
+  return io->tell(handle, position) == 0;
+}
+
+inline bool source_size(const tarnd_io_dsc *io, void *handle, uint64_t *size) {
+  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    *size = m->size;
+    return true;
+  }
+  return io->get_size(handle, size) == 0;
+}
+
+// Absolute move and forward move; neither goes past the end of the source.
+inline bool seek_to(const tarnd_io_dsc *io, void *handle, uint64_t position) {
+  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    if (position > m->size) return false;
+    m->pos = position;
+    return true;
+  }
+  return io->seek(handle, &position) == 0;
+}
+
+inline bool skip_by(const tarnd_io_dsc *io, void *handle, uint64_t count) {
+  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    if (count > m->size - m->pos) return false;
+    m->pos += count;
+    return true;
+  }
+  return io->skip(handle, &count) == 0;
+}
+
 // Bytes that the source really holds between the current position and the
 // box end: what a count read from the box may claim at most.
-bool bytes_left(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, uint64_t *left);
+inline bool bytes_left(const tarnd_io_dsc *io, void *handle, const tarnd_box *box,
+                       uint64_t *left) {
+  uint64_t pos = 0, size = 0;
+  if (!tell_pos(io, handle, &pos) || !source_size(io, handle, &size)) return false;
+  const uint64_t end = box->end < size ? box->end : size;
+  *left = pos < end ? end - pos : 0;
+  return true;
+}
 
 // Takes the next free property slot for a parser that fills one (logging
 // the parser's name when there is no table or no free slot). The slot is

@@ -67,7 +67,7 @@ int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     if (keep) {
       arrays[found].nal_type = nal_type;
       arrays[found].nal_cnt = nal_cnt;
-      if (io->tell(handle, &arrays[found].start) != 0) return -1;
+      if (!tell_pos(io, handle, &arrays[found].start)) return -1;
       ++found;
     }
     for (uint32_t n = 0; n < nal_cnt; ++n) {
@@ -81,9 +81,9 @@ int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     return -1;
   }
   // A source whose skip runs past its end must not size the buffer.
-  uint64_t pos = 0, source_size = 0;
-  if (io->tell(handle, &pos) != 0 || io->get_size(handle, &source_size) != 0) return -1;
-  if (pos > source_size) return -1;
+  uint64_t pos = 0, size = 0;
+  if (!tell_pos(io, handle, &pos) || !source_size(io, handle, &size)) return -1;
+  if (pos > size) return -1;
 
   uint8_t *buf = static_cast<uint8_t *>(malloc(static_cast<size_t>(total != 0 ? total : 1)));
   if (buf == nullptr) return -1;

@@ -44,7 +44,7 @@ int32_t parser_ftyp(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   if (is_sequence_brand(major) || is_sequence_brand(minor)) ctx->brand = kBrandSequence;
 
   uint64_t pos = 0;
-  if (io->tell(handle, &pos) != 0) return -1;
+  if (!tell_pos(io, handle, &pos)) return -1;
   const uint64_t count = pos < box->end ? (box->end - pos) / 4 : 0;
   for (uint64_t i = 0; i < count; ++i) {
     uint32_t brand;

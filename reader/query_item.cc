@@ -126,7 +126,7 @@ bool reader_has(const ItemReader &r, uint64_t n) {
   if (r.in_idat) return n <= r.idat_size - r.pos;
   uint64_t pos = 0;
   uint64_t size = 0;
-  if (r.io->tell(r.handle, &pos) != 0 || r.io->get_size(r.handle, &size) != 0) return false;
+  if (!tell_pos(r.io, r.handle, &pos) || !source_size(r.io, r.handle, &size)) return false;
   return pos <= size && n <= size - pos;
 }
 

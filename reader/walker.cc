@@ -1,76 +1,10 @@
 // The box walker: one flat pass over the source, dispatching each box by its
-// code through a constant handler table, plus the bounded read helpers every
-// parser goes through.
+// code through a constant handler table.
 #include <stdlib.h>
 #include <string.h>
 
 #include "common/log.h"
 #include "reader/internal.h"
-
-namespace tarnd {
-
-bool read_u8(const tarnd_io_dsc *io, void *handle, uint8_t *v) {
-  return read_bytes(io, handle, v, 1);
-}
-
-bool read_u16(const tarnd_io_dsc *io, void *handle, uint16_t *v) {
-  uint8_t b[2];
-  if (!read_bytes(io, handle, b, 2)) return false;
-  *v = static_cast<uint16_t>(b[0] << 8 | b[1]);
-  return true;
-}
-
-bool read_u32(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
-  uint8_t b[4];
-  if (!read_bytes(io, handle, b, 4)) return false;
-  *v = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-       static_cast<uint32_t>(b[2]) << 8 | b[3];
-  return true;
-}
-
-bool read_u64(const tarnd_io_dsc *io, void *handle, uint64_t *v) {
-  uint32_t hi, lo;
-  if (!read_u32(io, handle, &hi) || !read_u32(io, handle, &lo)) return false;
-  *v = static_cast<uint64_t>(hi) << 32 | lo;
-  return true;
-}
-
-bool read_sized(const tarnd_io_dsc *io, void *handle, uint32_t width, uint64_t *v) {
-  if (width == 8) return read_u64(io, handle, v);
-  if (width == 4) {
-    uint32_t v32;
-    if (!read_u32(io, handle, &v32)) return false;
-    *v = v32;
-    return true;
-  }
-  *v = 0;
-  return true;
-}
-
-bool read_fcc(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
-  uint8_t b[4];
-  if (!read_bytes(io, handle, b, 4)) return false;
-  *v = fcc_load(b);
-  return true;
-}
-
-bool seek_to(const tarnd_io_dsc *io, void *handle, uint64_t position) {
-  return io->seek(handle, &position) == 0;
-}
-
-bool skip_by(const tarnd_io_dsc *io, void *handle, uint64_t count) {
-  return io->skip(handle, &count) == 0;
-}
-
-bool bytes_left(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, uint64_t *left) {
-  uint64_t pos = 0, size = 0;
-  if (io->tell(handle, &pos) != 0 || io->get_size(handle, &size) != 0) return false;
-  const uint64_t end = box->end < size ? box->end : size;
-  *left = pos < end ? end - pos : 0;
-  return true;
-}
-
-}  // namespace tarnd
 
 using namespace tarnd;
 
@@ -211,9 +145,28 @@ bool take_stray_slot(tarnd_ctx *ctx) {
   return true;
 }
 
+// The handler row of a code: the same search as tarn_bsearch with
+// tarnd_grammar_compare (rows are sorted by code value), written out because
+// it runs once per box.
+const tarnd_handler *find_handler(const Walk *w, uint32_t type) {
+  int32_t lo = 0;
+  int32_t hi = w->handler_cnt - 1;
+  while (lo <= hi) {
+    const int32_t mid = lo + (hi - lo) / 2;
+    const uint32_t fcc = w->handlers[mid].fcc;
+    if (type == fcc) return &w->handlers[mid];
+    if (type > fcc) {
+      lo = mid + 1;
+    } else {
+      hi = mid - 1;
+    }
+  }
+  return nullptr;
+}
+
 Step walk_box(Walk *w) {
   uint64_t start = 0;
-  if (w->io->tell(w->handle, &start) != 0) return Step::kLeave;
+  if (!tell_pos(w->io, w->handle, &start)) return Step::kLeave;
   pop_ended(&w->stack, start);
 
   tarnd_box box;
@@ -227,9 +180,7 @@ Step walk_box(Walk *w) {
     tarnd_cstack_node node = {nullptr, box.end};
     if (tarnd_cstack_push(&w->stack, &node) != 0) return Step::kStop;
   }
-  const tarnd_handler *row = static_cast<const tarnd_handler *>(
-      tarn_bsearch(w->handlers, w->handler_cnt, sizeof(tarnd_handler), &box.type,
-                   tarnd_grammar_compare, nullptr));
+  const tarnd_handler *row = find_handler(w, box.type);
 
   if (w->in_ipco) {
     if (w->pos >= w->ipco_end) {
@@ -268,7 +219,7 @@ Step walk_box(Walk *w) {
   if (row->parse == nullptr) return Step::kNext;
   if (row->parse(w->io, w->handle, &box, w->ctx) != 0) return Step::kStop;
   uint64_t after = 0;
-  if (w->io->tell(w->handle, &after) != 0) return Step::kStop;
+  if (!tell_pos(w->io, w->handle, &after)) return Step::kStop;
   if (after < box.end && row->skip_rest) {
     if (!seek_to(w->io, w->handle, box.end)) return Step::kStop;
   }
@@ -288,7 +239,7 @@ int32_t tarnd_parse(const tarnd_handler *handlers, int32_t handler_cnt, const ch
   w.io = io;
   w.handle = handle;
   w.ctx = ctx;
-  if (io->get_size(handle, &w.source_size) != 0) return 1;
+  if (!source_size(io, handle, &w.source_size)) return 1;
   tarnd_cstack_init(&w.stack);
 
   int32_t result = 0;
@@ -303,7 +254,12 @@ int32_t tarnd_parse(const tarnd_handler *handlers, int32_t handler_cnt, const ch
     }
     if (step == Step::kLeave) break;
     uint64_t next = 0;
-    int32_t r = io->tell(handle, &next);
+    int32_t r = 0;
+    if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+      next = m->pos;
+    } else {
+      r = io->tell(handle, &next);
+    }
     if (r != 0) {
       result = r;
       break;
