@@ -12,7 +12,7 @@ namespace {
 
 // Sorted by code value (first character least significant), so that
 // tarn_bsearch finds a row in at most six steps.
-const tarnd_handler kHandlers[] = {
+constexpr tarnd_handler kHandlers[] = {
     {TARND_FCC('h', 'v', 'c', 'C'), 0, 1, 1, parser_hvcC},
     {TARND_FCC('a', 'u', 'x', 'C'), 1, 0, 1, parser_auxC},
     {TARND_FCC('i', 'p', 'm', 'a'), 1, 0, 0, parser_ipma},
@@ -80,10 +80,53 @@ struct Walk {
   uint64_t source_size;
   uint64_t pos;
   tarnd_cstack stack;
+  // The first open containers live here rather than on the heap: real files
+  // nest at most three deep, and the stack is LIFO, so these are always the
+  // bottom nodes.
+  tarnd_cstack_node local_nodes[8];
+  int32_t local_depth;
   int32_t unknown_cnt;
   bool in_ipco;
   uint64_t ipco_end;
 };
+
+bool is_local_node(const Walk *w, const tarnd_cstack_node *node) {
+  return node >= w->local_nodes && node < w->local_nodes + w->local_depth;
+}
+
+bool push_container(Walk *w, uint64_t end) {
+  constexpr int32_t kLocalNodes = static_cast<int32_t>(sizeof(w->local_nodes) / sizeof(w->local_nodes[0]));
+  if (w->local_depth < kLocalNodes) {
+    tarnd_cstack_node *node = &w->local_nodes[w->local_depth++];
+    node->next = w->stack;
+    node->end = end;
+    w->stack = node;
+    return true;
+  }
+  tarnd_cstack_node node = {nullptr, end};
+  return tarnd_cstack_push(&w->stack, &node) == 0;
+}
+
+void pop_container(Walk *w) {
+  if (is_local_node(w, w->stack)) {
+    w->stack = w->stack->next;
+    --w->local_depth;
+  } else {
+    tarnd_cstack_pop(&w->stack);
+  }
+}
+
+void pop_containers_ended(Walk *w, uint64_t position) {
+  while (w->stack != nullptr && w->stack->end <= position) pop_container(w);
+}
+
+bool is_container(const Walk *w, uint32_t type) {
+  if (w->containers == kContainers && w->container_cnt == kContainerCount) {
+    return type == TARND_FCC('m', 'e', 't', 'a') || type == TARND_FCC('d', 'i', 'n', 'f') ||
+           type == TARND_FCC('i', 'i', 'n', 'f') || type == TARND_FCC('i', 'p', 'r', 'p');
+  }
+  return tarnd_search_fcc(type, w->containers, w->container_cnt) >= 0;
+}
 
 // Reads the box header at w->pos into *box. Returns false to stop the walk.
 bool read_header(Walk *w, tarnd_box *box) {
@@ -145,10 +188,41 @@ bool take_stray_slot(tarnd_ctx *ctx) {
   return true;
 }
 
-// The handler row of a code: the same search as tarn_bsearch with
-// tarnd_grammar_compare (rows are sorted by code value), written out because
-// it runs once per box.
+// The library's own table is also reached through a perfect hash: one
+// multiply and one table load per box instead of six unpredictable branches.
+constexpr uint32_t kHashMultiplier = 0x0e54bb4du;
+constexpr int kHashBits = 6;
+
+constexpr uint32_t hash_slot(uint32_t fcc) { return (fcc * kHashMultiplier) >> (32 - kHashBits); }
+
+struct HandlerIndex {
+  int8_t row[1 << kHashBits];
+};
+
+constexpr HandlerIndex build_index() {
+  HandlerIndex index{};
+  for (int8_t &row : index.row) row = -1;
+  for (int32_t i = 0; i < kHandlerCount; ++i) index.row[hash_slot(kHandlers[i].fcc)] = static_cast<int8_t>(i);
+  return index;
+}
+
+constexpr HandlerIndex kHandlerIndex = build_index();
+
+constexpr bool index_is_perfect() {
+  for (int32_t i = 0; i < kHandlerCount; ++i) {
+    if (kHandlerIndex.row[hash_slot(kHandlers[i].fcc)] != i) return false;
+  }
+  return true;
+}
+static_assert(index_is_perfect(), "two handler codes share a hash slot: choose another multiplier");
+
+// The handler row of a code: the same answer as tarn_bsearch with
+// tarnd_grammar_compare over rows sorted by code value.
 const tarnd_handler *find_handler(const Walk *w, uint32_t type) {
+  if (w->handlers == kHandlers && w->handler_cnt == kHandlerCount) {
+    const int8_t row = kHandlerIndex.row[hash_slot(type)];
+    return row >= 0 && kHandlers[row].fcc == type ? &kHandlers[row] : nullptr;
+  }
   int32_t lo = 0;
   int32_t hi = w->handler_cnt - 1;
   while (lo <= hi) {
@@ -167,7 +241,7 @@ const tarnd_handler *find_handler(const Walk *w, uint32_t type) {
 Step walk_box(Walk *w) {
   uint64_t start = 0;
   if (!tell_pos(w->io, w->handle, &start)) return Step::kLeave;
-  pop_ended(&w->stack, start);
+  pop_containers_ended(w, start);
 
   tarnd_box box;
   if (!read_header(w, &box)) return Step::kStop;
@@ -176,10 +250,7 @@ Step walk_box(Walk *w) {
     if (!seek_to(w->io, w->handle, w->stack->end)) return Step::kStop;
     return Step::kNext;
   }
-  if (tarnd_search_fcc(box.type, w->containers, w->container_cnt) >= 0) {
-    tarnd_cstack_node node = {nullptr, box.end};
-    if (tarnd_cstack_push(&w->stack, &node) != 0) return Step::kStop;
-  }
+  if (is_container(w, box.type) && !push_container(w, box.end)) return Step::kStop;
   const tarnd_handler *row = find_handler(w, box.type);
 
   if (w->in_ipco) {
@@ -266,7 +337,7 @@ int32_t tarnd_parse(const tarnd_handler *handlers, int32_t handler_cnt, const ch
     }
     w.pos = next;
   }
-  tarnd_cstack_deinit(&w.stack);
+  while (w.stack != nullptr) pop_container(&w);
   if (stopped) return 1;
   if (static_cast<int64_t>(w.pos) >= static_cast<int64_t>(w.source_size) - 8 &&
       w.pos <= w.source_size)

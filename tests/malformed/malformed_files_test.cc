@@ -147,6 +147,10 @@ const Case kCases[] = {
      -2, kNone, 0, "ctx->meta.items is NULL", "tarnd"},
     {"child_past_file_resumes_after_meta", [] { File f; f.more = box_sized(0x7fffffff, "free"); return f; },
      0, kFrame64, 0, "", nullptr},
+    {"containers_nested_deeper_than_real_files", [] { File f; f.head = box("free", {});
+       for (int i = 0; i < 12; ++i) f.head = box("dinf", {f.head});
+       f.head = box("dinf", {f.head, box_sized(0x7fffffff, "free")}); return f; },
+     0, kFrame64, 0, "", nullptr},
     {"trld_past_file", [] { File f; f.tail = box_sized(1000, "trld", {zeros(4)}); return f; },
      0, kNone, 0, "trld size is not matched", "tarnd_parse"},
     {"item_box_inside_ipco", [] { File f; f.ipco = cat({infe(5, "hvc1"), hvcc(), ispe(64, 64)});
