@@ -447,6 +447,9 @@ TARN_API int32_t tarnm_make_hvcc(const tarnm_param_sets *param_sets, uint8_t *ou
  * the caller's; the writer copies what it keeps. 0, or -1 ("failed to set
  * image info!"); a refusal found before anything was added (bad parameter
  * sets, limits, inconsistent grid descriptor) leaves the context usable.
+ * Items are written in registration order, and readers that require item
+ * ids to increase (this library's reader among them) refuse a file whose
+ * images were registered with falling ids: register in ascending id order.
  */
 TARN_API int32_t tarnm_set_image_info(tarnm_ctx *handle, uint32_t item_id, uint32_t ref_id,
                                       tarnm_image_info *info, const tarnm_grid_info *grid);
