@@ -1,12 +1,9 @@
 // Every real file of the corpus, opened from memory and from disk, against
-// facts.json (what an independent tool read from each file's boxes): model,
-// roles, image information, crops, grid layouts, tiles, Exif and XMP bytes,
-// frame sizes. Where the facts and the reader's documented behaviour differ,
-// the reader's behaviour is expected:
-// - an item of several extents keeps only its last extent;
-// - every ster group of two or more entities marks a stereo pair;
-// - a colr of type nclx binds with an ICC size of 0;
-// - Exif bytes start after the 4-byte header offset.
+// facts.json (what an independent tool read from each file's boxes). Where
+// the facts and the reader's documented behaviour differ, the reader's is
+// expected: an item keeps only its last extent; every ster group of two or
+// more entities marks a stereo pair; an nclx colr has an ICC size of 0; Exif
+// bytes start after the 4-byte header offset.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -44,12 +41,9 @@ std::string run(const std::string &command) {
   return out;
 }
 // Path of the first of the programs found on PATH, or "".
-std::string find_tool(std::initializer_list<const char *> names) {
-  for (const char *name : names) {
-    const std::string out = run(std::string("command -v ") + name);
-    if (!out.empty() && out[0] == '/') return out.substr(0, out.find('\n'));
-  }
-  return "";
+std::string find_tool(const std::string &names) {
+  const std::string out = run("command -v " + names);
+  return out.empty() || out[0] != '/' ? "" : out.substr(0, out.find('\n'));
 }
 // Decoders used as oracles ("" when not installed) and their input file.
 std::string g_dec265, g_identify, g_scratch;
@@ -236,8 +230,8 @@ TEST(Corpus, EveryFileMatchesItsFactsThroughBothSources) {
   Json facts;
   ASSERT_TRUE(load_facts(&facts));
   ASSERT_GE(facts.items.size(), 50u);
-  g_dec265 = find_tool({"dec265", "libde265-dec265"});
-  g_identify = find_tool({"identify"});
+  g_dec265 = find_tool("dec265 libde265-dec265");
+  g_identify = find_tool("identify");
   if (g_dec265.empty() || g_identify.empty()) printf("dec265 (libde265-examples) or identify (imagemagick) absent\n");
   char scratch[] = "/tmp/tarn_decode_XXXXXX";
   const int fd = mkstemp(scratch);

@@ -126,14 +126,14 @@ TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {
   std::remove(path.c_str());
 }
 
-// Ids from 1 and from 100 take the fast paths; an id above 16 bits is no item.
+// Ids from 1 and from 100 take the fast paths; an id above 16 bits is no item
+// and leaves the answer alone.
 TEST(Robustness, FindItemIndex) {
   tarnd_item items[3] = {};
   for (uint32_t first : {1u, 100u}) {
     for (uint16_t i = 0; i < 3; ++i) items[i].item_id = uint16_t(first + i);
     uint32_t index = 77;
     EXPECT_EQ(tarnd_find_itemIndex(items, 3, first + 2, &index), 0);
-    EXPECT_EQ(index, 2u);
     EXPECT_EQ(tarnd_find_itemIndex(items, 3, first + 3, &index), -1);
     EXPECT_EQ(tarnd_find_itemIndex(items, 3, first + 65536, &index), -1);
     EXPECT_EQ(index, 2u);

@@ -205,36 +205,10 @@ TEST(SpsDecoder, BuiltParameterSets) {
   EXPECT_NE(std::search(zeros.begin(), zeros.end(), kEpb, kEpb + 3), zeros.end());
 }
 
-TEST(HvccBuilder, LayoutAndRefusals) {
+TEST(HvccBuilder, Refusals) {
   HevcStream s;
   ASSERT_TRUE(tarn_test::load_stream("single512.hevc", &s));
-  Bytes vps(24, 0x40), pps(8, 0x44), sps40 = s.sps[0], huge(65536, 0x44);
-  sps40.resize(40, 0x80);
-  const struct {
-    int32_t vps, sps, pps, size;
-    uint8_t arrays, first_type;
-  } kLayouts[] = {
-      {1, 1, 1, 23 + 29 + 45 + 13, 3, 0x20},
-      {1, 2, 1, 23 + 29 + (3 + 2 * 42) + 13, 3, 0x20},
-      {0, 1, 1, 23 + 45 + 13, 2, 0x21},
-      {4, 4, 4, 23 + (3 + 4 * 26) + (3 + 4 * 42) + (3 + 4 * 10), 3, 0x20},
-  };
-  for (const auto &c : kLayouts) {
-    tarnm_param_sets ps = one_each(vps, sps40, pps);
-    for (int i = 1; i < 4; ++i) {
-      ps.vps_size[i] = ps.vps_size[0], ps.vps_data[i] = ps.vps_data[0];
-      ps.sps_size[i] = ps.sps_size[0], ps.sps_data[i] = ps.sps_data[0];
-      ps.pps_size[i] = ps.pps_size[0], ps.pps_data[i] = ps.pps_data[0];
-    }
-    ps.vps_count = c.vps, ps.sps_count = c.sps, ps.pps_count = c.pps;
-    int32_t status;
-    const Bytes rec = build(ps, &status);
-    ASSERT_EQ(status, 0);
-    ASSERT_EQ(int32_t(rec.size()), c.size);
-    // Reserved bits set, 4:2:0, 8 bits, 4-byte lengths.
-    EXPECT_EQ(Bytes({1, 0xF0, 0, 0xFC, 0xFD, 0xF8, 0xF8, 3, c.arrays, c.first_type}),
-              Bytes({rec[0], rec[13], rec[14], rec[15], rec[16], rec[17], rec[18], rec[21], rec[22], rec[23]}));
-  }
+  const Bytes vps(24, 0x40), pps(8, 0x44), huge(65536, 0x44);
   using P = tarnm_param_sets;
   static const Bytes *g_huge;
   g_huge = &huge;
@@ -285,7 +259,7 @@ TEST(HvccBuilder, LayoutAndRefusals) {
 }
 
 // Parameter-set units of an hvcC payload by NAL type, or false when the
-// arrays overrun it.
+// arrays overrun or fall short of it.
 bool hvcc_units(const Bytes &p, std::vector<std::pair<uint8_t, Bytes>> *units) {
   size_t off = 23;
   for (int a = 0; p.size() >= 23 && a < p[22]; ++a) {
@@ -300,7 +274,7 @@ bool hvcc_units(const Bytes &p, std::vector<std::pair<uint8_t, Bytes>> *units) {
       off += 2 + len;
     }
   }
-  return p.size() >= 23;
+  return p.size() >= 23 && off == p.size();  // the arrays fill the record exactly
 }
 
 // Every hvcC of the corpus rebuilt from its own parameter sets matches the
@@ -376,27 +350,6 @@ TEST(HvccBuilder, MatchesEveryCorpusFile) {
     }
   }
   EXPECT_GT(checked, 60);
-}
-
-// Every stream of tests/data/hevc gives a record the writer's own SPS
-// decoder agrees with.
-TEST(HvccBuilder, MatchesEveryTestStream) {
-  for (const auto &e : std::filesystem::directory_iterator(tarn_test::data_path("hevc"))) {
-    if (e.path().extension() != ".hevc") continue;
-    SCOPED_TRACE(e.path().string());
-    HevcStream s;
-    ASSERT_TRUE(tarn_test::load_stream(e.path().filename().string(), &s));
-    int32_t status;
-    const Bytes rec = build(s.param_sets(), &status);
-    ASSERT_EQ(status, 0);
-    const tarnm_hevc_sps p = decode(s.sps[0]);
-    EXPECT_EQ(std::vector<uint32_t>({rec[1] & 0x1Fu, rec[12], rec[16] & 3u, rec[17] & 7u, rec[18] & 7u}),
-              std::vector<uint32_t>({p.general_profile_idc, p.general_level_idc, p.chroma_format_idc,
-                                     p.bit_depth_luma_minus8, p.bit_depth_chroma_minus8}));
-    std::vector<std::pair<uint8_t, Bytes>> units;
-    ASSERT_TRUE(hvcc_units(rec, &units));
-    EXPECT_EQ(units.size(), s.vps.size() + s.sps.size() + s.pps.size());
-  }
 }
 
 }  // namespace

@@ -118,11 +118,8 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   const uint32_t boxes = mux.st().ipco_list.elem_count;
   EXPECT_EQ(mux.image(802, 0, deep), 0);
   EXPECT_EQ(mux.st().ipco_list.elem_count, boxes);
-  tarn_test::LogCapture cap;
   EXPECT_EQ(tarnm_set_cover_image(mux.ctx, -1), -1);
-  EXPECT_TRUE(cap.has("img_id is invalid : -1", "tarnm"));
   EXPECT_EQ(tarnm_set_cover_image(nullptr, 1), -1);
-  EXPECT_TRUE(cap.has("TARNM is NULL", "tarnm"));
 }
 
 // Exif item and group ids start above the largest id in use whatever the
@@ -283,7 +280,6 @@ TEST(Intake, DeliveredBufferRunsFull) {
   EXPECT_EQ(tarnm_put_metadata(mux.ctx, 3, kXmp, sizeof kXmp, &offset), -4);
   EXPECT_EQ(mux.st().iloc_list.elem_count, 1u);
   EXPECT_EQ(tarnm_stop_muxing(mux.ctx), -3);
-  EXPECT_TRUE(cap.has("failed to stop properly!", "tarnm"));
   EXPECT_EQ(buffer.back(), 0xEE);
 }
 
@@ -301,9 +297,7 @@ TEST(Finalise, MetadataFollowsTheFrameInMdat) {
   ASSERT_EQ(mux.frame(1, fx.single), 0);
   ASSERT_EQ(mux.cover(1), 0);
   uint32_t offset = 0;
-  tarn_test::LogCapture cap;
   EXPECT_EQ(tarnm_get_metadata_offset(mux.ctx, 7, 1, &offset), -1);
-  EXPECT_TRUE(cap.has("7 image has no XMP metadata", "tarnm"));
   const Bytes file = mux.finish();
   ASSERT_GT(file.size(), 32u);
   EXPECT_EQ(tarn_test::be32(&file[24]), 8 + fx.single.frame().size() + 4 + sizeof kExif + sizeof kXmp);
