@@ -50,10 +50,21 @@ using tarn::kDataMember;
 using tarn::kPathMember;
 using tarn::kSizeMember;
 
+// A file is read through a window of its own: box fields are a few bytes
+// each and the walker moves past every box it does not parse, so moves only
+// change pos, and the file is read (and positioned) when a read leaves the
+// window. stdio's own buffer is switched off; it would cost a system call
+// for every move.
+constexpr uint32_t kFileWindow = 16 * 1024;
+
 struct FileSource {
   FILE *file;
   uint64_t size;
-  uint64_t pos;
+  uint64_t pos;          // the reader's position
+  uint64_t file_pos;     // where the next fread starts
+  uint64_t window_start; // file position of window[0]
+  uint32_t window_len;
+  uint8_t window[kFileWindow];
 };
 
 int32_t memory_close(void *handle) {
@@ -91,16 +102,20 @@ void *file_open(const tarnd_io_dsc *io, int32_t mode) {
   FILE *f = fopen(path, "rb");
   if (f == nullptr) return nullptr;
   off_t end = -1;
-  if (fseeko(f, 0, SEEK_END) == 0) end = ftello(f);
+  if (setvbuf(f, nullptr, _IONBF, 0) == 0 && fseeko(f, 0, SEEK_END) == 0) end = ftello(f);
   FileSource *src = nullptr;
   if (end >= 0 && fseeko(f, 0, SEEK_SET) == 0)
-    src = static_cast<FileSource *>(calloc(1, sizeof(FileSource)));
+    src = static_cast<FileSource *>(malloc(sizeof(FileSource)));
   if (src == nullptr) {
     fclose(f);
     return nullptr;
   }
   src->file = f;
   src->size = static_cast<uint64_t>(end);
+  src->pos = 0;
+  src->file_pos = 0;
+  src->window_start = 0;
+  src->window_len = 0;
   return src;
 }
 
@@ -111,11 +126,51 @@ int32_t file_close(void *handle) {
   return 0;
 }
 
+// off_t may be 32 bits on a platform without large-file support.
+bool fits_off_t(uint64_t v) {
+  return v <= static_cast<uint64_t>((static_cast<uint64_t>(1) << (sizeof(off_t) * 8 - 1)) - 1);
+}
+
+// Reads up to count bytes at pos into out; returns how many arrived.
+size_t read_at(FileSource *src, uint8_t *out, size_t count) {
+  if (src->file_pos != src->pos) {
+    if (!fits_off_t(src->pos) || fseeko(src->file, static_cast<off_t>(src->pos), SEEK_SET) != 0) return 0;
+    src->file_pos = src->pos;
+  }
+  const size_t n = fread(out, 1, count, src->file);
+  src->file_pos += n;
+  return n;
+}
+
 uint32_t file_read(void *handle, void *buffer, uint32_t count) {
   FileSource *src = static_cast<FileSource *>(handle);
-  const size_t n = fread(buffer, 1, count, src->file);
-  src->pos += n;
-  return static_cast<uint32_t>(n);
+  uint8_t *out = static_cast<uint8_t *>(buffer);
+  uint32_t done = 0;
+  while (done < count) {
+    const uint32_t want = count - done;
+    if (src->pos >= src->window_start && src->pos - src->window_start < src->window_len) {
+      const uint32_t at = static_cast<uint32_t>(src->pos - src->window_start);
+      const uint32_t n = want < src->window_len - at ? want : src->window_len - at;
+      memcpy(out + done, src->window + at, n);
+      src->pos += n;
+      done += n;
+      continue;
+    }
+    if (src->pos >= src->size) break;
+    if (want >= kFileWindow) {
+      // Coded data and metadata go straight into the caller's buffer.
+      const size_t n = read_at(src, out + done, want);
+      src->pos += n;
+      done += static_cast<uint32_t>(n);
+      if (n < want) break;
+      continue;
+    }
+    const size_t n = read_at(src, src->window, kFileWindow);
+    src->window_start = src->pos;
+    src->window_len = static_cast<uint32_t>(n);
+    if (n == 0) break;
+  }
+  return done;
 }
 
 int32_t file_tell(void *handle, uint64_t *position) {
@@ -123,15 +178,9 @@ int32_t file_tell(void *handle, uint64_t *position) {
   return 0;
 }
 
-// off_t may be 32 bits on a platform without large-file support.
-bool fits_off_t(uint64_t v) {
-  return v <= static_cast<uint64_t>((static_cast<uint64_t>(1) << (sizeof(off_t) * 8 - 1)) - 1);
-}
-
 int32_t file_seek(void *handle, uint64_t *position) {
   FileSource *src = static_cast<FileSource *>(handle);
   if (*position > src->size || !fits_off_t(*position)) return -1;
-  if (fseeko(src->file, static_cast<off_t>(*position), SEEK_SET) != 0) return -1;
   src->pos = *position;
   return 0;
 }

@@ -1,5 +1,5 @@
 // Real files cut short, every allocation of an open failing in turn, and the
-// two input sources at their ends.
+// two input sources at their ends and against each other.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -123,6 +123,45 @@ TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {
   }
   EXPECT_EQ(tarnd_io_init_memory(nullptr, data.data(), 1), -1);
   EXPECT_EQ(tarnd_io_init_file(&ios[1], nullptr), -1);
+  std::remove(path.c_str());
+}
+
+// The file source reads through a window of its own: reads inside it, across
+// its edge, larger than it, after moves back and forth and at the end of the
+// file must give what the memory source gives.
+TEST(Robustness, FileSourceReadsWhatMemoryHolds) {
+  const std::string path = testing::TempDir() + "/tarn_io_window_test.bin";
+  std::vector<uint8_t> data(100000);
+  uint32_t x = 12345;
+  for (uint8_t &b : data) b = uint8_t((x = x * 1103515245u + 12345u) >> 24);
+  FILE *f = fopen(path.c_str(), "wb");
+  ASSERT_TRUE(f != nullptr && fwrite(data.data(), 1, data.size(), f) == data.size());
+  fclose(f);
+  const struct {
+    uint64_t seek;  // ~0 keeps the position
+    uint32_t count;
+  } kSteps[] = {{0, 4},         {~0ull, 8},  {16380, 10},  {100, 16384}, {~0ull, 3},
+                {20000, 40000}, {30000, 2},  {16384, 1},   {99990, 20},  {50000, 65536},
+                {5, 1},         {~0ull, 0},  {100000, 1}};
+  tarnd_io_dsc mem, file;
+  ASSERT_EQ(tarnd_io_init_memory(&mem, data.data(), data.size()), 0);
+  ASSERT_EQ(tarnd_io_init_file(&file, path.c_str()), 0);
+  void *hm = mem.open(&mem, 0), *hf = file.open(&file, 0);
+  ASSERT_TRUE(hm != nullptr && hf != nullptr);
+  for (const auto &step : kSteps) {
+    SCOPED_TRACE(testing::Message() << step.seek << " " << step.count);
+    uint64_t a = step.seek, b = step.seek;
+    if (step.seek != ~0ull) {
+      ASSERT_EQ(mem.seek(hm, &a), file.seek(hf, &b));
+    }
+    std::vector<uint8_t> got_mem(step.count), got_file(step.count);
+    ASSERT_EQ(mem.read(hm, got_mem.data(), step.count), file.read(hf, got_file.data(), step.count));
+    EXPECT_EQ(got_mem, got_file);
+    ASSERT_EQ(mem.tell(hm, &a), file.tell(hf, &b));
+    EXPECT_EQ(a, b);
+  }
+  mem.close(hm);
+  file.close(hf);
   std::remove(path.c_str());
 }
 
