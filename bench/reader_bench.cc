@@ -14,11 +14,15 @@
 namespace tarn_bench {
 namespace {
 
-// What a gallery scan asks of each file. Returns false when the file does
-// not open or has no primary image.
-bool open_info_exif(const Bytes &file, size_t *exif_size) {
+// What a gallery scan asks of each file, from memory or (path given) from
+// disk. Returns false when the file does not open or has no primary image.
+bool open_info_exif(const Bytes &file, size_t *exif_size, const char *path = nullptr) {
   tarnd_io_dsc io;
-  tarnd_io_init_memory(&io, file.data(), file.size());
+  if (path != nullptr) {
+    tarnd_io_init_file(&io, path);
+  } else {
+    tarnd_io_init_memory(&io, file.data(), file.size());
+  }
   tarnd_file_info file_info;
   void *ctx = tarnd_create(&io, 0, &file_info, nullptr);
   if (ctx == nullptr) return false;
@@ -43,6 +47,15 @@ void open_case(benchmark::State &state, const std::string &name) {
   count_heap(state, [&] { open_info_exif(file, &exif_size); });
   for (auto _ : state) open_info_exif(file, &exif_size);
   state.counters["exif_bytes"] = static_cast<double>(exif_size);
+}
+
+// The same from the file on disk (in the page cache after the first run):
+// the library's file source, with its system calls.
+void open_file_case(benchmark::State &state, const std::string &name) {
+  const std::string path = corpus_path(name);
+  size_t exif_size = 0;
+  if (!open_info_exif({}, &exif_size, path.c_str())) return state.SkipWithError("libtarn refuses the file");
+  for (auto _ : state) open_info_exif({}, &exif_size, path.c_str());
 }
 
 // The items that hold the primary image's coded data: the tiles of a grid,
@@ -143,6 +156,10 @@ const bool kRegistered = [] {
   names.push_back(kSampleName);
   for (const std::string &name : names) {
     benchmark::RegisterBenchmark(("open/tarn/" + name).c_str(), open_case, name)
+        ->Unit(benchmark::kMicrosecond);
+  }
+  for (const std::string &name : corpus_files()) {
+    benchmark::RegisterBenchmark(("open-file/tarn/" + name).c_str(), open_file_case, name)
         ->Unit(benchmark::kMicrosecond);
   }
   for (const std::string &name : names) {
