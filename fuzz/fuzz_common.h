@@ -9,7 +9,8 @@
 namespace tarn_fuzz {
 
 // Opens data from memory and runs every query on every item, extracting
-// frames into buffers of several sizes. Never fails: it only exercises.
+// frames into buffers of several sizes. Aborts only when the model built by
+// reading fields in place differs from the one built through callbacks.
 void exercise_reader(const uint8_t *data, size_t size);
 
 }  // namespace tarn_fuzz
