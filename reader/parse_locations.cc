@@ -34,6 +34,9 @@ bool read_item_id(const tarnd_io_dsc *io, void *handle, bool wide, uint32_t *id)
   return true;
 }
 
+// Bytes that read_sized takes for a field of this width.
+uint32_t field_bytes(uint32_t width) { return width == 4 || width == 8 ? width : 0; }
+
 // Reads one entry after its item id and stores its location in *item. Only
 // the last extent is kept; an entry without extents has no data.
 bool read_entry(const tarnd_io_dsc *io, void *handle, const IlocLayout &l, tarnd_item *item) {
@@ -44,6 +47,12 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const IlocLayout &l, tarnd
   if (!read_sized(io, handle, l.base_offset_size, &base)) return false;
   if (!read_u16(io, handle, &extent_cnt)) return false;
   uint64_t offset = 0, length = 0;
+  // With every extent field zero bytes wide, extents occupy no bytes and
+  // all read as 0: a hostile count of 65,535 per entry would otherwise spin
+  // without consuming the box.
+  if (field_bytes(l.index_size) + field_bytes(l.offset_size) + field_bytes(l.length_size) == 0) {
+    extent_cnt = extent_cnt != 0 ? 1 : 0;
+  }
   for (uint32_t e = 0; e < extent_cnt; ++e) {
     uint64_t index;
     if (!read_sized(io, handle, l.index_size, &index)) return false;
