@@ -57,12 +57,47 @@ void bind_property(tarnd_item *item, const tarnd_property *prop, uint16_t index)
   }
 }
 
+bool ids_increase(const tarnd_meta *meta) {
+  for (uint32_t i = 1; i < meta->item_cnt; ++i) {
+    if (meta->items[i - 1].item_id >= meta->items[i].item_id) return false;
+  }
+  return true;
+}
+
+// The slot tarnd_find_itemIndex gives, with its log line. When the ids
+// increase through the table (as infe boxes must number them) the only slot
+// holding an id is found by binary search, so a file whose associations
+// name ids it lacks costs log n per association instead of a full scan.
+bool find_slot(const tarnd_meta *meta, bool increasing, uint32_t id, uint32_t *slot) {
+  if (!increasing || meta->item_cnt == 0) {
+    return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
+  }
+  if (id < meta->items[0].item_id) return false;
+  uint32_t lo = 0, hi = meta->item_cnt;
+  while (lo < hi) {
+    const uint32_t mid = lo + (hi - lo) / 2;
+    if (meta->items[mid].item_id < id) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  if (lo < meta->item_cnt && meta->items[lo].item_id == id) {
+    *slot = lo;
+    return true;
+  }
+  TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
+            static_cast<int>(id), meta->item_cnt);
+  return false;
+}
+
 void bind_properties(tarnd_ctx *ctx) {
   tarnd_meta *meta = &ctx->meta;
+  const bool increasing = ids_increase(meta);
   for (uint32_t i = 0; i < meta->association_cnt; ++i) {
     const tarnd_association *assoc = &meta->association_list[i];
     uint32_t slot;
-    if (tarnd_find_itemIndex(meta->items, meta->item_cnt, assoc->item_id, &slot) != 0) continue;
+    if (!find_slot(meta, increasing, assoc->item_id, &slot)) continue;
     if (assoc->property_index >= meta->property_cnt) continue;
     bind_property(&meta->items[slot], &meta->properties[assoc->property_index],
                   assoc->property_index);

@@ -171,6 +171,9 @@ const Case kCases[] = {
     {"infe_v3_id_above_16_bits", [] { File f;
        f.infes = {fullbox("infe", 3, 0, {u32(0x12345), u16(0), fourcc("hvc1")})}; return f; },
      -2, kNone, 0, "parser_infe : item id is too big(74565)", "tarnd_handlers"},
+    {"ipma_names_missing_items", [] { File f; f.ipma_box = ipma({{0, 0x81}, {7, 0x81}, {1, 0x81, 0x82}});
+       return f; },
+     0, kFrame64, 0, "", nullptr},
     {"ipma_v1_entries_written_16_bit", [] { File f;
        f.ipma_box = fullbox("ipma", 1, 0, {u32(1), u16(1), u8(2), u8(0x81), u8(0x82)}); return f; },
      0, kFrame64, 0, "file has abnormal property association data", "tarnd_handlers"},
