@@ -77,6 +77,21 @@ constexpr const char *kSampleName = "samples/grid2x2_thumb_exif (muxed)";
 // file for kSampleName. False when it cannot be read.
 bool case_bytes(const std::string &name, Bytes *out);
 
+// Open + primary info + Exif of one reader case through open_info_exif (the
+// library's or the peer's), with its heap use and the Exif size as counters.
+// refused names the library that does not open the file.
+template <typename OpenInfoExif>
+void run_open_case(benchmark::State &state, const std::string &name, OpenInfoExif open_info_exif,
+                   const char *refused) {
+  Bytes file;
+  size_t exif_size = 0;
+  if (!case_bytes(name, &file)) return state.SkipWithError("file not readable");
+  if (!open_info_exif(file, &exif_size)) return state.SkipWithError(refused);
+  count_heap(state, [&] { open_info_exif(file, &exif_size); });
+  for (auto _ : state) open_info_exif(file, &exif_size);
+  state.counters["exif_bytes"] = static_cast<double>(exif_size);
+}
+
 // A HEIC file made in memory by the writer from the bundled samples: a 2x2
 // grid of 512x512 tiles with a 256x256 thumbnail and Exif. Empty on failure.
 const Bytes &sample_file();

@@ -47,13 +47,7 @@ bool peer_open_info_exif(const Bytes &file, size_t *exif_size) {
 }
 
 void peer_open_case(benchmark::State &state, const std::string &name) {
-  Bytes file;
-  size_t exif_size = 0;
-  if (!case_bytes(name, &file)) return state.SkipWithError("file not readable");
-  if (!peer_open_info_exif(file, &exif_size)) return state.SkipWithError("libheif refuses the file");
-  count_heap(state, [&] { peer_open_info_exif(file, &exif_size); });
-  for (auto _ : state) peer_open_info_exif(file, &exif_size);
-  state.counters["exif_bytes"] = static_cast<double>(exif_size);
+  run_open_case(state, name, peer_open_info_exif, "libheif refuses the file");
 }
 
 const bool kRegistered = [] {

@@ -40,13 +40,9 @@ bool open_info_exif(const Bytes &file, size_t *exif_size, const char *path = nul
 }
 
 void open_case(benchmark::State &state, const std::string &name) {
-  Bytes file;
-  size_t exif_size = 0;
-  if (!case_bytes(name, &file)) return state.SkipWithError("file not readable");
-  if (!open_info_exif(file, &exif_size)) return state.SkipWithError("libtarn refuses the file");
-  count_heap(state, [&] { open_info_exif(file, &exif_size); });
-  for (auto _ : state) open_info_exif(file, &exif_size);
-  state.counters["exif_bytes"] = static_cast<double>(exif_size);
+  run_open_case(
+      state, name, [](const Bytes &file, size_t *exif_size) { return open_info_exif(file, exif_size); },
+      "libtarn refuses the file");
 }
 
 // The same from the file on disk (in the page cache after the first run):

@@ -60,7 +60,8 @@ inline uint32_t fcc_load(const uint8_t *p) {
 // leave the source at the same position with the same result.
 
 // Reads exactly n bytes; a short read fails (and, like the callback, leaves
-// the source at its end).
+// the source at its end). Inlined, a field's constant n makes the copy a
+// plain load.
 inline bool read_bytes(const tarnd_io_dsc *io, void *handle, void *buf, uint32_t n) {
   if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
     const uint64_t left = m->size - m->pos;
@@ -75,38 +76,23 @@ inline bool read_bytes(const tarnd_io_dsc *io, void *handle, void *buf, uint32_t
   return io->read(handle, buf, n) == n;
 }
 
-// Reads a field of N bytes into b. Fixed sizes let the copy become a load.
-template <uint32_t N>
-inline bool read_field(const tarnd_io_dsc *io, void *handle, uint8_t (&b)[N]) {
-  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
-    if (m->size - m->pos < N) {
-      m->pos = m->size;
-      return false;
-    }
-    memcpy(b, m->data + m->pos, N);
-    m->pos += N;
-    return true;
-  }
-  return io->read(handle, b, N) == N;
-}
-
 inline bool read_u8(const tarnd_io_dsc *io, void *handle, uint8_t *v) {
   uint8_t b[1];
-  if (!read_field(io, handle, b)) return false;
+  if (!read_bytes(io, handle, b, sizeof(b))) return false;
   *v = b[0];
   return true;
 }
 
 inline bool read_u16(const tarnd_io_dsc *io, void *handle, uint16_t *v) {
   uint8_t b[2];
-  if (!read_field(io, handle, b)) return false;
+  if (!read_bytes(io, handle, b, sizeof(b))) return false;
   *v = static_cast<uint16_t>(b[0] << 8 | b[1]);
   return true;
 }
 
 inline bool read_u32(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
   uint8_t b[4];
-  if (!read_field(io, handle, b)) return false;
+  if (!read_bytes(io, handle, b, sizeof(b))) return false;
   *v = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
        static_cast<uint32_t>(b[2]) << 8 | b[3];
   return true;
@@ -135,7 +121,7 @@ inline bool read_sized(const tarnd_io_dsc *io, void *handle, uint32_t width, uin
 
 inline bool read_fcc(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
   uint8_t b[4];
-  if (!read_field(io, handle, b)) return false;
+  if (!read_bytes(io, handle, b, sizeof(b))) return false;
   *v = fcc_load(b);
   return true;
 }

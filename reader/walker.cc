@@ -120,14 +120,6 @@ void pop_containers_ended(Walk *w, uint64_t position) {
   while (w->stack != nullptr && w->stack->end <= position) pop_container(w);
 }
 
-bool is_container(const Walk *w, uint32_t type) {
-  if (w->containers == kContainers && w->container_cnt == kContainerCount) {
-    return type == TARND_FCC('m', 'e', 't', 'a') || type == TARND_FCC('d', 'i', 'n', 'f') ||
-           type == TARND_FCC('i', 'i', 'n', 'f') || type == TARND_FCC('i', 'p', 'r', 'p');
-  }
-  return tarnd_search_fcc(type, w->containers, w->container_cnt) >= 0;
-}
-
 // Reads the box header at w->pos into *box. Returns false to stop the walk.
 bool read_header(Walk *w, tarnd_box *box) {
   uint32_t size32;
@@ -250,7 +242,10 @@ Step walk_box(Walk *w) {
     if (!seek_to(w->io, w->handle, w->stack->end)) return Step::kStop;
     return Step::kNext;
   }
-  if (is_container(w, box.type) && !push_container(w, box.end)) return Step::kStop;
+  if (tarnd_search_fcc(box.type, w->containers, w->container_cnt) >= 0 &&
+      !push_container(w, box.end)) {
+    return Step::kStop;
+  }
   const tarnd_handler *row = find_handler(w, box.type);
 
   if (w->in_ipco) {
