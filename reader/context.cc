@@ -236,6 +236,15 @@ int32_t tarnd_find_itemIndex(const tarnd_item *items, uint32_t item_cnt, uint32_
 void *tarnd_create(const tarnd_io_dsc *io, uint32_t reserved, tarnd_file_info *file_info,
                    int32_t *err) {
   (void)reserved;
+  return tarnd_create_with_flags(io, TARND_READ_STRICT, file_info, err);
+}
+
+void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags, tarnd_file_info *file_info,
+                              int32_t *err) {
+  if ((flags & ~TARND_READ_TOLERANT) != 0) {
+    if (err != nullptr) *err = -1;
+    return nullptr;
+  }
   if (io == nullptr || file_info == nullptr || io->open == nullptr) {
     if (err != nullptr) *err = -6;
     return nullptr;

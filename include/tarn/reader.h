@@ -220,6 +220,19 @@ typedef struct tarnd_ctx {
 TARN_API void *tarnd_create(const tarnd_io_dsc *io, uint32_t reserved,
                             tarnd_file_info *file_info, int32_t *err);
 
+/* Reading modes for tarnd_create_with_flags. */
+#define TARND_READ_STRICT 0u   /* the written rules, exactly as tarnd_create */
+#define TARND_READ_TOLERANT 1u /* also opens what phones and encoders write */
+
+/*
+ * tarnd_create with a reading mode: TARND_READ_STRICT behaves exactly as
+ * tarnd_create; TARND_READ_TOLERANT also accepts valid files that the
+ * strict rules refuse (see the README). Unknown flag bits are refused with
+ * -1 in *err. Status codes and ownership are those of tarnd_create.
+ */
+TARN_API void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags,
+                                       tarnd_file_info *file_info, int32_t *err);
+
 /* Closes the source and frees the whole model. NULL or a handle without the
  * reader's magic is ignored. */
 TARN_API void tarnd_delete(void *handle);
