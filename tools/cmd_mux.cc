@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "annexb.h"
+#include "brands.h"
 #include "cli.h"
 #include "tarn/tarn.h"
 
@@ -36,6 +37,7 @@ struct Picture {
   uint32_t width = 0, height = 0;  // displayed (conformance-cropped) size
   uint8_t depths[3] = {8, 8, 8};
   uint32_t depth_count = 3;
+  bool hevc_basic = false;  // fits the MIAF HEVC basic profile
 };
 
 bool read_picture(const std::string &path, Picture *pic) {
@@ -82,6 +84,8 @@ bool read_picture(const std::string &path, Picture *pic) {
   pic->depths[0] = uint8_t(sps.bit_depth_luma_minus8 + 8);
   pic->depths[1] = pic->depths[2] = uint8_t(sps.bit_depth_chroma_minus8 + 8);
   pic->depth_count = sps.chroma_format_idc == 0 ? 1 : 3;
+  pic->hevc_basic = fits_hevc_basic_profile(sps.general_profile_space, sps.general_tier_flag,
+                                            sps.general_profile_idc, sps.general_level_idc);
   return true;
 }
 
@@ -221,8 +225,11 @@ int cmd_mux(int argc, char **argv) {
   const uint32_t tile_count = grid ? uint32_t(main_pictures.size()) : 0;
   const uint32_t primary_id = grid ? tile_count + 1 : 1;
 
+  bool all_basic = true;
+  for (const Picture &p : main_pictures) all_basic = all_basic && p.hevc_basic;
+  for (const auto &extra : extras) all_basic = all_basic && extra.second.hevc_basic;
   tarnm_init_dsc init;
-  std::memset(&init, 0, sizeof init);
+  set_output_brands(&init, all_basic);
   int32_t err = 0;
   std::unique_ptr<tarnm_ctx, WriterDeleter> writer(tarnm_create(&init, &err));
   if (!writer) {
