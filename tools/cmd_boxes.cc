@@ -2,7 +2,9 @@
 // It walks the file on its own (the library keeps no box tree) and never
 // trusts a size: every box is checked against its parent and the file.
 #include <cinttypes>
+#include <cstdarg>
 #include <cstring>
+#include <string>
 
 #include "cli.h"
 
@@ -13,8 +15,9 @@ const char kHelp[] =
     "usage: tarn boxes [-v] FILE\n"
     "\n"
     "Prints every box of FILE as an indented tree: file offset, size, type, and\n"
-    "version/flags for full boxes. Malformed sizes are reported and the walk of\n"
-    "that level stops there.\n";
+    "version/flags for full boxes. A box that is cut short or damaged is listed\n"
+    "with what can be read of it; then the offset and the reason are reported\n"
+    "on stderr and the exit status is 1.\n";
 
 struct ContainerRule {
   char type[5];
@@ -49,38 +52,71 @@ void printable_type(const uint8_t *p, char out[5]) {
   out[4] = '\0';
 }
 
-// Walks the boxes in data[begin, end); returns false when a box was malformed.
-bool walk(const std::vector<uint8_t> &data, uint64_t begin, uint64_t end, int depth) {
-  bool ok = true;
+// One walk over a file: the bytes, and every place where the structure
+// breaks, as "offset N: why" lines for the final report.
+struct Walk {
+  const std::vector<uint8_t> &data;
+  std::vector<std::string> problems;
+};
+
+void problem(Walk *w, uint64_t pos, const char *format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 3, 4)))
+#endif
+    ;
+
+void problem(Walk *w, uint64_t pos, const char *format, ...) {
+  char why[200];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(why, sizeof why, format, args);
+  va_end(args);
+  w->problems.push_back("offset " + std::to_string(pos) + ": " + why);
+}
+
+// Lists the boxes in data[begin, end), whose container is described by
+// parent ("the file", "meta at 28"). A box that declares more bytes than its
+// parent holds is listed with what is there, and ends its level.
+void walk(Walk *w, uint64_t begin, uint64_t end, int depth, const std::string &parent) {
+  const std::vector<uint8_t> &data = w->data;
   uint64_t pos = begin;
   while (pos < end) {
     const uint64_t left = end - pos;
-    if (left < 8) {
-      std::printf("%*s%10" PRIu64 "  %u trailing bytes (too short for a box header)\n", depth * 2, "", pos,
-                  unsigned(left));
-      return false;
-    }
     const uint8_t *h = data.data() + pos;
+    if (left < 8) {
+      std::printf("%*s%10" PRIu64 "  (%u bytes, too few for a box header)\n", depth * 2, "", pos, unsigned(left));
+      problem(w, pos, "a box header needs 8 bytes, only %u remain in %s", unsigned(left), parent.c_str());
+      return;
+    }
     uint64_t size = be32(h);
     char type[5];
     printable_type(h + 4, type);
     uint32_t header = 8;
     if (size == 1) {
       if (left < 16) {
-        std::printf("%*s%10" PRIu64 "  %s: largesize header cut short\n", depth * 2, "", pos, type);
-        return false;
+        std::printf("%*s%10" PRIu64 "  %-4s (64-bit size cut short)\n", depth * 2, "", pos, type);
+        problem(w, pos, "%s: its 64-bit size needs 16 header bytes, only %u remain in %s", type, unsigned(left),
+                parent.c_str());
+        return;
       }
       size = uint64_t(be32(h + 8)) << 32 | be32(h + 12);
       header = 16;
     } else if (size == 0) {
       size = left;  // runs to the end of its parent
     }
-    if (size < header || size > left) {
-      std::printf("%*s%10" PRIu64 "  %s: bad size %" PRIu64 " (%" PRIu64 " bytes left)\n", depth * 2, "", pos,
-                  type, size, left);
-      return false;
+    if (size < header) {
+      std::printf("%*s%10" PRIu64 "  %-4s %10" PRIu64 "  (smaller than its header)\n", depth * 2, "", pos, type,
+                  size);
+      problem(w, pos, "%s: declared size %" PRIu64 " is smaller than its %u-byte header", type, size, header);
+      return;
     }
+    const bool cut = size > left;
     std::printf("%*s%10" PRIu64 "  %-4s %10" PRIu64, depth * 2, "", pos, type, size);
+    if (cut) {
+      problem(w, pos, "%s declares %" PRIu64 " bytes, only %" PRIu64 " remain in %s", type, size, left,
+              parent.c_str());
+      size = left;  // list what is there
+    }
     const ContainerRule *rule = nullptr;
     for (const auto &r : kContainers)
       if (std::memcmp(r.type, type, 4) == 0) rule = &r;
@@ -90,19 +126,22 @@ bool walk(const std::vector<uint8_t> &data, uint64_t begin, uint64_t end, int de
       const uint8_t *v = data.data() + pos + header;
       std::printf("  v%u flags 0x%06x", v[0], unsigned(be32(v) & 0xffffff));
       children += 4;
+    } else if (full) {
+      problem(w, pos, "%s: %u bytes, too few for its version and flags", type, unsigned(size - header));
     }
-    std::printf("\n");
-    if (rule != nullptr) {
+    std::printf(cut ? "  (cut short: %" PRIu64 " bytes present)\n" : "\n", size);
+    const std::string here = std::string(type) + " at " + std::to_string(pos);
+    if (rule != nullptr && (!full || size - header >= 4)) {
       children += rule->skip_after_full;
-      if (children <= pos + size) ok = walk(data, children, pos + size, depth + 1) && ok;
+      if (children <= pos + size) walk(w, children, pos + size, depth + 1, here);
     } else if (std::memcmp(type, "iinf", 4) == 0 && size - header >= 4) {
       // iinf: version 0 has a 16-bit entry count, later versions 32-bit.
       const uint64_t first = children + (data[pos + header] == 0 ? 2 : 4);
-      if (first <= pos + size) ok = walk(data, first, pos + size, depth + 1) && ok;
+      if (first <= pos + size) walk(w, first, pos + size, depth + 1, here);
     }
+    if (cut) return;
     pos += size;
   }
-  return ok;
 }
 
 }  // namespace
@@ -126,9 +165,16 @@ int cmd_boxes(int argc, char **argv) {
     error("boxes", "%s: %s", cl.operands[0].c_str(), why.c_str());
     return kExitFailed;
   }
-  std::printf("%s (%zu bytes)\n    offset  type       size\n", cl.operands[0].c_str(), data.size());
-  if (!walk(data, 0, data.size(), 0)) {
-    error("boxes", "%s: malformed box structure", cl.operands[0].c_str());
+  const char *path = cl.operands[0].c_str();
+  std::printf("%s (%zu bytes)\n    offset  type       size\n", path, data.size());
+  Walk w{data, {}};
+  if (data.empty()) problem(&w, 0, "the file is empty, it holds no box");
+  walk(&w, 0, data.size(), 0, "the file");
+  if (!w.problems.empty()) {
+    // The listing above shows every box that could be read; say where and
+    // why the structure ends, after it.
+    std::fflush(stdout);
+    for (const std::string &p : w.problems) error("boxes", "%s: %s", path, p.c_str());
     return kExitFailed;
   }
   return kExitOk;

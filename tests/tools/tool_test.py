@@ -340,6 +340,47 @@ def case_mux(a):
     return 0
 
 
+def case_boxes(a):
+    files = corpus_files(a.corpus)
+    good = files.get("autumn_1440x960.heic")
+    if good is None or "truncated.heic" not in files:
+        print(f"corpus not found at {a.corpus}: skipped")
+        return SKIP
+    data = open(good, "rb").read()
+    meta_end = 24 + int.from_bytes(data[24:28], "big")
+    cuts = {"cut_header.heic": data[:28], "cut_ipco.heic": data[:300]}
+    for name, content in cuts.items():
+        with open(os.path.join(a.work, name), "wb") as f:
+            f.write(content)
+    table = [
+        # (file, exit status, text on stdout, text on stderr)
+        (files["empty.heic"], 1, "", "offset 0: the file is empty"),
+        (files["truncated.heic"], 1, "607  mdat       3051  (cut short: 3050 bytes present)",
+         "offset 607: mdat declares 3051 bytes, only 3050 remain in the file"),
+        (files["corrupted.heic"], 1, "0  ftyp         36", "offset 36: .... declares 7627008 bytes, only 4749"),
+        (files["invalid_id.heic"], 0, "661  dimg         14", ""),
+        ("cut_header.heic", 1, "24  (4 bytes, too few", "offset 24: a box header needs 8 bytes, only 4 remain"),
+        ("cut_ipco.heic", 1, "223  thmb", "offset 253: hvcC declares 108 bytes, only 47 remain in ipco at 245"),
+    ]
+    for path, status, out, err in table:
+        r = run([a.tarn, "boxes", os.path.join(a.work, path)])
+        text, errors = r.stdout.decode(errors="replace"), r.stderr.decode(errors="replace")
+        check(r.returncode == status and out in text and err in errors,
+              f"boxes {os.path.basename(path)}: exit {r.returncode}\n{text}{errors}")
+    # A cut through the header boxes (at every byte of the first ones) lists
+    # what it can and fails cleanly; only a cut between top-level boxes
+    # leaves a well-formed file.
+    cut = os.path.join(a.work, "cut.heic")
+    for length in sorted(set(range(64)) | set(range(64, meta_end + 9, 5)) | {meta_end}):
+        with open(cut, "wb") as f:
+            f.write(data[:length])
+        r = run([a.tarn, "boxes", cut])
+        expected = 0 if length in (24, meta_end) else 1
+        check(r.returncode == expected and (expected == 0 or r.stderr.startswith(b"tarn: boxes: ")),
+              f"boxes on the first {length} bytes: exit {r.returncode}: {r.stderr[-200:]}")
+    return 0
+
+
 def main():
     p = argparse.ArgumentParser()
     p.add_argument("case")
