@@ -248,9 +248,9 @@ bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
       return true;
     }
   }
-  TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u", static_cast<int>(id),
-            meta->item_cnt);
-  return false;
+  // Ids the table never took (0, the id of untaken slots) are looked up as
+  // strict reading looks them up.
+  return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
 }
 
 tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {

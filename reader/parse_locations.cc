@@ -56,23 +56,24 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
   const uint32_t extent_bytes = field_bytes(l.index_size) + field_bytes(l.offset_size) + field_bytes(l.length_size);
   if (extent_bytes == 0) extent_cnt = extent_cnt != 0 ? 1 : 0;
   tarnd_extent *extents = nullptr;
-  if (keep_extents && extent_cnt > 1) {
-    // The extents must be in the box before they size the list.
-    uint64_t left = 0;
-    if (!bytes_left(io, handle, box, &left) || extent_cnt > left / extent_bytes) return false;
+  uint64_t left = 0;
+  // The extents must be in the box before they size the list; a list that
+  // cannot be kept leaves the item with its last extent, as strictly read.
+  if (keep_extents && extent_cnt > 1 && bytes_left(io, handle, box, &left) && extent_cnt <= left / extent_bytes) {
     extents = static_cast<tarnd_extent *>(malloc(extent_cnt * sizeof(tarnd_extent)));
-    if (extents == nullptr) {
-      TARN_LOGW("tarnd_handlers", "failed to alloc item extents");
-      return false;
-    }
+    if (extents == nullptr) TARN_LOGW("tarnd_handlers", "failed to alloc item extents");
   }
   uint64_t total = 0;
   for (uint32_t e = 0; e < extent_cnt; ++e) {
     uint64_t index;
     if (!read_sized(io, handle, l.index_size, &index) || !read_sized(io, handle, l.offset_size, &offset) ||
-        !read_sized(io, handle, l.length_size, &length) || (extents != nullptr && length > UINT64_MAX - total)) {
+        !read_sized(io, handle, l.length_size, &length)) {
       free(extents);
       return false;
+    }
+    if (extents != nullptr && length > UINT64_MAX - total) {
+      free(extents);  // a sum that does not fit: no item holds that much
+      extents = nullptr;
     }
     if (extents != nullptr) {
       extents[e].offset = base + offset;
