@@ -22,13 +22,13 @@ void require(bool same) {
   if (!same) abort();
 }
 
-void compare_with_callbacks(const tarnd_io_dsc &memory, const tarnd_ctx *direct, int32_t direct_err) {
+void compare_with_callbacks(const tarnd_io_dsc &memory, uint32_t mode, const tarnd_ctx *direct, int32_t direct_err) {
   tarnd_io_dsc io = memory;
   g_memory_read = memory.read;
   io.read = relayed_read;
   tarnd_file_info info{};
   int32_t err = 0;
-  void *handle = tarnd_create(&io, 0, &info, &err);
+  void *handle = tarnd_create_with_flags(&io, mode, &info, &err);
   require(err == direct_err && (handle == nullptr) == (direct == nullptr));
   if (handle == nullptr) return;
   const tarnd_ctx *ctx = static_cast<const tarnd_ctx *>(handle);
@@ -45,16 +45,16 @@ void compare_with_callbacks(const tarnd_io_dsc &memory, const tarnd_ctx *direct,
   tarnd_delete(handle);
 }
 
-}  // namespace
-
-void exercise_reader(const uint8_t *data, size_t size) {
+// Opens the input in one reading mode and asks every query of every item.
+// Returns whether it opened.
+bool exercise_mode(const uint8_t *data, size_t size, uint32_t mode) {
   tarnd_io_dsc io;
-  if (tarnd_io_init_memory(&io, data, size) != 0) return;
+  if (tarnd_io_init_memory(&io, data, size) != 0) return false;
   tarnd_file_info info{};
   int32_t err = 0;
-  void *handle = tarnd_create(&io, 0, &info, &err);
-  compare_with_callbacks(io, static_cast<const tarnd_ctx *>(handle), err);
-  if (handle == nullptr) return;
+  void *handle = tarnd_create_with_flags(&io, mode, &info, &err);
+  compare_with_callbacks(io, mode, static_cast<const tarnd_ctx *>(handle), err);
+  if (handle == nullptr) return false;
   const tarnd_ctx *ctx = static_cast<const tarnd_ctx *>(handle);
   // Ids to ask about: every item, plus ids no item has.
   std::vector<uint32_t> ids = {0, 1, 0xFFFF, 0x10000, 0xFFFFFFFFu};
@@ -93,6 +93,16 @@ void exercise_reader(const uint8_t *data, size_t size) {
     }
   }
   tarnd_delete(handle);
+  return true;
+}
+
+}  // namespace
+
+void exercise_reader(const uint8_t *data, size_t size) {
+  const bool strict = exercise_mode(data, size, TARND_READ_STRICT);
+  const bool tolerant = exercise_mode(data, size, TARND_READ_TOLERANT);
+  // Tolerant reading opens everything strict reading opens.
+  require(tolerant || !strict);
 }
 
 }  // namespace tarn_fuzz

@@ -2,6 +2,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "common/log.h"
 #include "reader/internal.h"
 
@@ -20,10 +22,12 @@ bool is_image_type(uint32_t type) { return type == kFccHvc1 || type == kFccJpeg;
 
 // Binds one property to one item. A later association of the same kind
 // overwrites an earlier one; auxiliary bits accumulate.
-void bind_property(tarnd_item *item, const tarnd_property *prop, uint16_t index) {
+void bind_property(tarnd_item *item, const tarnd_property *prop, uint16_t index, bool overlay_as_grid) {
   const uint32_t itype = item->item_type;
   const bool image = is_image_type(itype);
-  const bool grid = itype == kFccGrid;
+  // Tolerant reading describes an overlay (a derived image like a grid) by
+  // its own size, rotation, colour and crop.
+  const bool grid = itype == kFccGrid || (overlay_as_grid && itype == kFccIovl);
   switch (prop->type) {
     case kFccHvcC:
       if (itype == kFccHvc1) item->view.image.hvcC_index = index;
@@ -100,7 +104,7 @@ void bind_properties(tarnd_ctx *ctx) {
     if (!find_slot(meta, increasing, assoc->item_id, &slot)) continue;
     if (assoc->property_index >= meta->property_cnt) continue;
     bind_property(&meta->items[slot], &meta->properties[assoc->property_index],
-                  assoc->property_index);
+                  assoc->property_index, tolerant(ctx));
   }
 }
 
@@ -115,6 +119,63 @@ void mark_stereo_pairs(tarnd_ctx *ctx) {
     if (tarnd_find_itemIndex(meta->items, meta->item_cnt, group->entityIDList[1], &slot) == 0)
       meta->items[slot].flags |= TARND_ITEM_STEREO_RIGHT;
   }
+}
+
+// The id table spreads ids by multiplication so that consecutive and
+// strided ids alike land apart; ids are 16-bit, so 2^17 entries (twice the
+// most distinct ids) is the largest table ever needed.
+constexpr uint32_t kMaxSlotTable = 1u << 17;
+constexpr uint32_t kMinSlotTable = 16;
+
+uint32_t slot_hash(uint32_t id, uint32_t mask) { return ((id * 0x9E3779B1u) >> 15) & mask; }
+
+bool create_slot_index(tarnd_ctx *ctx) {
+  uint32_t entries = kMinSlotTable;
+  while (entries < kMaxSlotTable && entries / 2 < ctx->meta.item_cnt) entries *= 2;
+  ctx->item_slots = static_cast<uint32_t *>(calloc(entries, sizeof(uint32_t)));
+  if (ctx->item_slots == nullptr) {
+    TARN_LOGW("tarnd_handlers", "failed to alloc item table");
+    return false;
+  }
+  ctx->item_slot_mask = entries - 1;
+  ctx->item_slots_taken = 0;
+  return true;
+}
+
+void insert_slot(tarnd_ctx *ctx, uint32_t id, uint32_t slot) {
+  uint32_t h = slot_hash(id, ctx->item_slot_mask);
+  while (ctx->item_slots[h] != 0) h = (h + 1) & ctx->item_slot_mask;
+  ctx->item_slots[h] = slot + 1;
+}
+
+// Tolerant reading leaves the items in the order the file first named them.
+// Once the walk is over they are put in id order, so that every later
+// lookup (the binding below, the queries, tarnd_find_itemIndex in callers)
+// finds every id. Untaken slots go last. Files already in order cost one
+// pass; files in reverse order one reversal.
+void order_items_by_id(tarnd_meta *meta) {
+  tarnd_item *items = meta->items;
+  const uint32_t n = meta->item_cnt;
+  if (items == nullptr || n < 2) return;
+  auto before = [](const tarnd_item &a, const tarnd_item &b) {
+    if (a.item_id == 0 || b.item_id == 0) return b.item_id == 0 && a.item_id != 0;
+    return a.item_id < b.item_id;
+  };
+  uint32_t taken = 0;
+  while (taken < n && items[taken].item_id != 0) ++taken;
+  bool ascending = true, descending = true;
+  for (uint32_t i = 1; i < taken; ++i) {
+    if (items[i - 1].item_id >= items[i].item_id) ascending = false;
+    if (items[i - 1].item_id <= items[i].item_id) descending = false;
+  }
+  bool rest_empty = true;
+  for (uint32_t i = taken; i < n && rest_empty; ++i) rest_empty = items[i].item_id == 0;
+  if (rest_empty && ascending) return;
+  if (rest_empty && descending) {
+    std::reverse(items, items + taken);
+    return;
+  }
+  std::stable_sort(items, items + n, before);
 }
 
 bool owns_buffer(uint32_t type) {
@@ -140,8 +201,10 @@ void release_model(tarnd_ctx *ctx) {
       // Every list, counted or not: a reference box that failed half-way
       // leaves its list in the first uncounted slot.
       for (uint32_t r = 0; r < TARND_MAX_REFS; ++r) free(item->ref_to_ids[r]);
+      free(item->extents);
     }
   }
+  free(ctx->item_slots);
   for (uint32_t g = 0; g < meta->group_cnt && g < TARND_MAX_GROUPS; ++g)
     free(meta->groups[g].entityIDList);
   free(meta->items);
@@ -160,6 +223,9 @@ bool create_item_tables(tarnd_ctx *ctx) {
       return false;
     }
     meta->last_item_id = -1;
+    if (ctx->read_flags & TARND_READ_TOLERANT) {
+      if (!create_slot_index(ctx)) return false;
+    }
   }
   if (ctx->displayable_ids == nullptr) {
     ctx->displayable_ids = static_cast<uint32_t *>(calloc(meta->item_cnt, sizeof(uint32_t)));
@@ -171,7 +237,42 @@ bool create_item_tables(tarnd_ctx *ctx) {
   return true;
 }
 
-tarnd_item *claim_item_slot(tarnd_meta *meta, uint32_t id, const char *parser) {
+bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
+  const tarnd_meta *meta = &ctx->meta;
+  if (ctx->item_slots == nullptr) return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
+  for (uint32_t h = slot_hash(id, ctx->item_slot_mask);; h = (h + 1) & ctx->item_slot_mask) {
+    const uint32_t entry = ctx->item_slots[h];
+    if (entry == 0) break;
+    if (meta->items[entry - 1].item_id == id) {
+      *slot = entry - 1;
+      return true;
+    }
+  }
+  // Ids the table never took (0, the id of untaken slots) are looked up as
+  // strict reading looks them up.
+  return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
+}
+
+tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
+  tarnd_meta *meta = &ctx->meta;
+  if (ctx->item_slots != nullptr) {
+    // Any order: the slot already holding id, else the next untaken one.
+    uint32_t slot;
+    for (uint32_t h = slot_hash(id, ctx->item_slot_mask);; h = (h + 1) & ctx->item_slot_mask) {
+      const uint32_t entry = ctx->item_slots[h];
+      if (entry == 0) break;
+      if (meta->items[entry - 1].item_id == id) return &meta->items[entry - 1];
+    }
+    if (ctx->item_slots_taken >= meta->item_cnt) {
+      TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found", parser,
+                static_cast<int>(id));
+      return nullptr;
+    }
+    slot = ctx->item_slots_taken++;
+    insert_slot(ctx, id, slot);
+    meta->items[slot].item_id = static_cast<uint16_t>(id);
+    return &meta->items[slot];
+  }
   tarnd_item *item = &meta->items[meta->infe_index];
   if (item->item_id == 0) {
     item->item_id = static_cast<uint16_t>(id);
@@ -265,6 +366,7 @@ void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags, tarnd_file
   ctx->self = ctx;
   ctx->io = *io;
   ctx->handle = handle;
+  ctx->read_flags = flags;
 
   const char *failure = nullptr;
   if (tarnd_parse(tarnd_handlers(), tarnd_handlers_cnt(), tarnd_handlers_containr_fcc(),
@@ -284,6 +386,11 @@ void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags, tarnd_file
     return nullptr;
   }
 
+  if (ctx->item_slots != nullptr) {
+    order_items_by_id(&ctx->meta);
+    free(ctx->item_slots);
+    ctx->item_slots = nullptr;
+  }
   bind_properties(ctx);
   mark_stereo_pairs(ctx);
   file_info->brand = ctx->brand;

@@ -183,7 +183,15 @@ bool create_item_tables(tarnd_ctx *ctx);
 // The item for id as iinf and iloc fill the table: the running slot when it
 // is still free (it takes the id), else the slot that already holds id;
 // null with the parser's WARN line when neither.
-tarnd_item *claim_item_slot(tarnd_meta *meta, uint32_t id, const char *parser);
+// Tolerant reading keeps an id table while the walk runs, so the slot is
+// found (or a free one taken) whatever order the boxes list the items in.
+tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser);
+
+// The slot holding id: through the walk's id table when there is one, else
+// tarnd_find_itemIndex.
+bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot);
+
+inline bool tolerant(const tarnd_ctx *ctx) { return (ctx->read_flags & TARND_READ_TOLERANT) != 0; }
 
 // Releases everything the model owns (not the context itself).
 void release_model(tarnd_ctx *ctx);

@@ -20,9 +20,26 @@ constexpr size_t kAuxTypeArea = 256;
 const char kUrnAlpha[] = "urn:mpeg:hevc:2015:auxid:1";
 const char kUrnDepth[] = "urn:mpeg:hevc:2015:auxid:2";
 const char kUrnGainMap[] = "urn:com:orvanta:photo:2024:aux:hdrgainmap";
+// Names that tolerant reading also knows: the auxiliary types of the
+// MPEG-B colour-information systems (what current encoders write for alpha
+// and depth) and the gain map of every iPhone photo since 2020.
+const char kUrnAlphaCicp[] = "urn:mpeg:mpegB:cicp:systems:auxiliary:alpha";
+const char kUrnDepthCicp[] = "urn:mpeg:mpegB:cicp:systems:auxiliary:depth";
+const char kUrnGainMapApple[] = "urn:com:apple:photo:2020:aux:hdrgainmap";
+// An ICC profile opens with a 128-byte header; anything shorter is no
+// profile.
+constexpr uint64_t kIccHeaderSize = 128;
 
 // ster: group_id and num_entities_in_group precede the ids.
 constexpr uint64_t kSterFixedSize = 8;
+
+// aux_type is NUL-terminated inside its 256-byte area.
+uint32_t tolerant_aux_flag(const char *aux_type) {
+  if (strcmp(aux_type, kUrnAlphaCicp) == 0) return TARND_ITEM_AUX_ALPHA;
+  if (strcmp(aux_type, kUrnDepthCicp) == 0) return TARND_ITEM_AUX_DEPTH;
+  if (strcmp(aux_type, kUrnGainMapApple) == 0) return TARND_ITEM_AUX_GAINMAP;
+  return 0;
+}
 
 int32_t finish_at_end(const tarnd_io_dsc *io, void *handle, const tarnd_box *box) {
   return seek_to(io, handle, box->end) ? 0 : -1;
@@ -70,15 +87,23 @@ int32_t parser_clap(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
 int32_t parser_colr(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
   tarnd_property *slot = claim_property_slot(ctx, box, "parser_colr");
   if (slot == nullptr) return -1;
-  if (box->payload_size <= kColrTypeSize || box->payload_size >= kMaxColrPayload) {
+  const bool unusable = box->payload_size <= kColrTypeSize || box->payload_size >= kMaxColrPayload;
+  if (unusable && !tolerant(ctx)) {
     TARN_LOGW("tarnd_handlers", "color data size is too big %lld",
               static_cast<long long>(box->payload_size));
     return -1;
   }
-  uint8_t colour_type[4];
-  if (!read_bytes(io, handle, colour_type, sizeof(colour_type))) return -1;
+  uint8_t colour_type[4] = {0, 0, 0, 0};
+  if (!unusable && !read_bytes(io, handle, colour_type, sizeof(colour_type))) return -1;
   const bool icc = memcmp(colour_type, "rICC", 4) == 0 || memcmp(colour_type, "prof", 4) == 0;
-  if (!icc) {
+  // Edited phone photos carry colr boxes with an empty profile: tolerant
+  // reading keeps the slot with no profile, as for nclx, and reads on.
+  const bool no_profile = unusable || (icc && box->payload_size - kColrTypeSize < kIccHeaderSize);
+  if (no_profile && tolerant(ctx)) {
+    TARN_LOGW("tarnd_handlers", "colour profile is empty or too short(%lld bytes); kept without profile",
+              static_cast<long long>(box->payload_size >= kColrTypeSize ? box->payload_size - kColrTypeSize : 0));
+  }
+  if (!icc || (no_profile && tolerant(ctx))) {
     // nclx and other kinds keep their slot without data.
     if (finish_at_end(io, handle, box) != 0) return -1;
     slot->payload.colr.icc_size = 0;
@@ -134,6 +159,7 @@ int32_t parser_auxC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     if (memcmp(aux_type, kUrnAlpha, sizeof(kUrnAlpha)) == 0) flag = TARND_ITEM_AUX_ALPHA;
     else if (memcmp(aux_type, kUrnDepth, sizeof(kUrnDepth)) == 0) flag = TARND_ITEM_AUX_DEPTH;
     else if (memcmp(aux_type, kUrnGainMap, sizeof(kUrnGainMap)) == 0) flag = TARND_ITEM_AUX_GAINMAP;
+    else if (tolerant(ctx)) flag = tolerant_aux_flag(aux_type);
   }
   slot->payload.auxC.aux_flags = flag;
   if (flag != TARND_ITEM_AUX_ALPHA && flag != TARND_ITEM_AUX_DEPTH) {

@@ -142,7 +142,8 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     if (!read_u16(io, handle, &id16)) return -1;
     id = id16;
   }
-  if (static_cast<int32_t>(id) <= meta->last_item_id) {
+  // Tolerant reading takes ids in any order: the id table finds each one.
+  if (!tolerant(ctx) && static_cast<int32_t>(id) <= meta->last_item_id) {
     TARN_LOGE("tarnd_handlers", "item_ID does not increase. previous(%d), current(%d)",
               meta->last_item_id, static_cast<int>(id));
     return -1;
@@ -162,7 +163,7 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     ctx->displayable_ids[ctx->displayable_cnt++] = id;
   }
 
-  tarnd_item *item = claim_item_slot(meta, id, "parser_infe");
+  tarnd_item *item = claim_item_slot(ctx, id, "parser_infe");
   if (item == nullptr) return -1;
   uint16_t protection_index;
   if (!read_u16(io, handle, &protection_index)) return -1;
@@ -178,7 +179,7 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
       item->view.image.colr_index = -1;
       item->view.image.hvcC_index = -1;
       item->view.image.clap_index = -1;
-    } else if (item->item_type == kFccGrid) {
+    } else if (item->item_type == kFccGrid || (item->item_type == kFccIovl && tolerant(ctx))) {
       item->view.grid.colr_index = -1;
       item->view.grid.clap_index = -1;
     }

@@ -37,9 +37,12 @@ bool read_item_id(const tarnd_io_dsc *io, void *handle, bool wide, uint32_t *id)
 // Bytes that read_sized takes for a field of this width.
 uint32_t field_bytes(uint32_t width) { return width == 4 || width == 8 ? width : 0; }
 
-// Reads one entry after its item id and stores its location in *item. Only
-// the last extent is kept; an entry without extents has no data.
-bool read_entry(const tarnd_io_dsc *io, void *handle, const IlocLayout &l, tarnd_item *item) {
+// Reads one entry after its item id and stores its location in *item.
+// Strict reading keeps only the last extent; tolerant reading keeps every
+// extent of an item that has several, so its data is served whole. An entry
+// without extents has no data.
+bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, const IlocLayout &l,
+                bool keep_extents, tarnd_item *item) {
   uint16_t method = 0, data_ref, extent_cnt;
   if (l.has_construction && !read_u16(io, handle, &method)) return false;
   if (!read_u16(io, handle, &data_ref)) return false;
@@ -50,18 +53,45 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const IlocLayout &l, tarnd
   // With every extent field zero bytes wide, extents occupy no bytes and
   // all read as 0: a hostile count of 65,535 per entry would otherwise spin
   // without consuming the box.
-  if (field_bytes(l.index_size) + field_bytes(l.offset_size) + field_bytes(l.length_size) == 0) {
-    extent_cnt = extent_cnt != 0 ? 1 : 0;
+  const uint32_t extent_bytes = field_bytes(l.index_size) + field_bytes(l.offset_size) + field_bytes(l.length_size);
+  if (extent_bytes == 0) extent_cnt = extent_cnt != 0 ? 1 : 0;
+  tarnd_extent *extents = nullptr;
+  uint64_t left = 0;
+  // The extents must be in the box before they size the list; a list that
+  // cannot be kept leaves the item with its last extent, as strictly read.
+  if (keep_extents && extent_cnt > 1 && bytes_left(io, handle, box, &left) && extent_cnt <= left / extent_bytes) {
+    extents = static_cast<tarnd_extent *>(malloc(extent_cnt * sizeof(tarnd_extent)));
+    if (extents == nullptr) TARN_LOGW("tarnd_handlers", "failed to alloc item extents");
   }
+  uint64_t total = 0;
   for (uint32_t e = 0; e < extent_cnt; ++e) {
     uint64_t index;
-    if (!read_sized(io, handle, l.index_size, &index)) return false;
-    if (!read_sized(io, handle, l.offset_size, &offset)) return false;
-    if (!read_sized(io, handle, l.length_size, &length)) return false;
+    if (!read_sized(io, handle, l.index_size, &index) || !read_sized(io, handle, l.offset_size, &offset) ||
+        !read_sized(io, handle, l.length_size, &length)) {
+      free(extents);
+      return false;
+    }
+    if (extents != nullptr && length > UINT64_MAX - total) {
+      free(extents);  // a sum that does not fit: no item holds that much
+      extents = nullptr;
+    }
+    if (extents != nullptr) {
+      extents[e].offset = base + offset;
+      extents[e].length = length;
+      total += length;
+    }
   }
   if (l.has_construction) item->construction_method = method & 0xfu;
+  free(item->extents);  // an item listed again keeps only its last entry
+  item->extents = extents;
+  item->extent_cnt = extents != nullptr ? extent_cnt : 0;
   // Wrapping is harmless here: every later read checks offset and length
   // against the data it serves.
+  if (extents != nullptr) {
+    item->offset = extents[0].offset;
+    item->length = total;
+    return true;
+  }
   item->offset = extent_cnt != 0 ? base + offset : 0;
   item->length = extent_cnt != 0 ? length : 0;
   return true;
@@ -112,9 +142,9 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
       TARN_LOGW("tarnd_handlers", "items are more than item count(%u)", meta->item_cnt);
       return -1;
     }
-    tarnd_item *item = claim_item_slot(meta, id, "parser_iloc");
+    tarnd_item *item = claim_item_slot(ctx, id, "parser_iloc");
     if (item == nullptr) return -1;
-    if (!read_entry(io, handle, layout, item)) return -1;
+    if (!read_entry(io, handle, box, layout, tolerant(ctx), item)) return -1;
     ++meta->infe_index;
   }
   return 0;

@@ -46,7 +46,7 @@ int32_t parser_single_iref(const tarnd_io_dsc *io, void *handle, const tarnd_box
   uint32_t from_id;
   if (!read_ref_id(io, handle, wide, &from_id)) return -1;
   uint32_t from_slot;
-  if (tarnd_find_itemIndex(meta->items, meta->item_cnt, from_id, &from_slot) != 0) {
+  if (!find_item_slot(ctx, from_id, &from_slot)) {
     TARN_LOGW("tarnd_handlers", "%s : valid index for from_item(%d) could not be found",
               "parser_single_iref", static_cast<int>(from_id));
     return -1;
@@ -92,7 +92,7 @@ int32_t parser_single_iref(const tarnd_io_dsc *io, void *handle, const tarnd_box
     if (!read_ref_id(io, handle, wide, &to_id)) return -1;
     ids[i] = static_cast<uint16_t>(to_id);
     uint32_t to_slot;
-    if (tarnd_find_itemIndex(meta->items, meta->item_cnt, to_id, &to_slot) != 0) {
+    if (!find_item_slot(ctx, to_id, &to_slot)) {
       TARN_LOGW("tarnd_handlers", "%s : valid index for to_item(%d) could not be found",
                 "parser_single_iref", static_cast<int>(to_id));
       return -1;

@@ -78,6 +78,19 @@ bool find_referrer(const tarnd_ctx *ctx, uint32_t type, uint32_t target, uint32_
   return false;
 }
 
+// Tolerant reading: a gain map stored as an auxiliary image of the base
+// (as phones write it) answers when no tone-map item does.
+bool find_gainmap_auxiliary(const tarnd_ctx *ctx, uint32_t target, uint32_t *out) {
+  for (uint32_t i = 0; i < ctx->meta.item_cnt; ++i) {
+    const tarnd_item &item = ctx->meta.items[i];
+    if ((item.flags & TARND_ITEM_AUX_GAINMAP) != 0 && refers_first_to(item, kFccAuxl, target)) {
+      *out = item.item_id;
+      return true;
+    }
+  }
+  return false;
+}
+
 bool find_flagged(const tarnd_ctx *ctx, uint32_t flag, uint32_t *out) {
   for (uint32_t i = 0; i < ctx->meta.item_cnt; ++i) {
     if (ctx->meta.items[i].flags & flag) {
@@ -100,6 +113,9 @@ int32_t primary_id(const tarnd_ctx *ctx, uint32_t *out_id) {
   }
   const uint32_t type = ctx->meta.items[index].item_type;
   if (type == kFccHvc1 || type == kFccGrid) return 0;
+  // Tolerant reading answers what the file names when it is an image other
+  // readers show: an overlay or a JPEG.
+  if (tolerant(ctx) && (type == kFccIovl || type == kFccJpeg)) return 0;
   if (ctx->displayable_cnt == 0 || ctx->displayable_ids == nullptr) return 0;
   TARN_LOGI(kTag,
             "cover image(%c%c%c%c) is not supported. set cover image to the first displayable "
@@ -179,7 +195,8 @@ int32_t tarnd_get_image_id(void *handle, uint32_t type, uint32_t ref_id, uint32_
         found = find_tonemap(ctx, target, false, &answer);
         break;
       case TARND_ID_GAINMAP:
-        found = find_tonemap(ctx, target, true, &answer);
+        found = find_tonemap(ctx, target, true, &answer) ||
+                (tolerant(ctx) && find_gainmap_auxiliary(ctx, target, &answer));
         break;
       case TARND_ID_STEREO_LEFT:
         found = find_flagged(ctx, TARND_ITEM_STEREO_LEFT, &answer);
@@ -224,7 +241,7 @@ int32_t tarnd_get_info_image(void *handle, int32_t item_id, tarnd_image_info *in
       copy_colour(ctx, view.colr_index, info);
       copy_crop(ctx, item.item_id, view.clap_index, false, info);
     }
-  } else if (item.item_type == kFccGrid) {
+  } else if (item.item_type == kFccGrid || (item.item_type == kFccIovl && tolerant(ctx))) {
     const tarnd_item_grid &view = item.view.grid;
     info->width = view.ispe_width;
     info->height = view.ispe_height;

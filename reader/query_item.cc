@@ -75,7 +75,10 @@ bool location_supported(const tarnd_item &item, int32_t item_id, const char *cal
   return false;
 }
 
-// A read cursor over one item's data, in the file or inside idat.
+// A read cursor over one item's data, in the file or inside idat. An item
+// kept with several extents (tolerant reading) reads as their
+// concatenation: positions count from the start of the first extent's data,
+// and each extent is checked against the data on its own.
 struct ItemReader {
   const tarnd_io_dsc *io;
   void *handle;
@@ -83,10 +86,15 @@ struct ItemReader {
   const uint8_t *idat;  // null when the file has no idat: every read fails
   uint64_t idat_size;
   uint64_t pos;  // inside idat
+  const tarnd_extent *extents;  // null for an item with one extent
+  uint32_t extent_cnt;
+  uint32_t extent;     // current extent
+  uint64_t in_extent;  // position inside it
 };
 
 ItemReader item_reader(tarnd_ctx *ctx, const tarnd_item &item) {
-  ItemReader r = {&ctx->io, ctx->handle, item.construction_method == kMethodIdat, nullptr, 0, 0};
+  ItemReader r = {&ctx->io, ctx->handle, item.construction_method == kMethodIdat, nullptr, 0, 0,
+                  item.extents, item.extents != nullptr ? item.extent_cnt : 0, 0, 0};
   if (r.in_idat && ctx->meta.idat != nullptr) {
     r.idat = ctx->meta.idat;
     r.idat_size = ctx->meta.idat_size;
@@ -94,18 +102,14 @@ ItemReader item_reader(tarnd_ctx *ctx, const tarnd_item &item) {
   return r;
 }
 
-// Moves to offset + skip of the item's location; false when that lies
-// outside the data (a failed seek).
-bool reader_seek(ItemReader *r, uint64_t offset, uint64_t skip) {
-  if (skip > UINT64_MAX - offset) return false;
-  const uint64_t position = offset + skip;
+bool source_seek(ItemReader *r, uint64_t position) {
   if (!r->in_idat) return seek_to(r->io, r->handle, position);
   if (position > r->idat_size) return false;
   r->pos = position;
   return true;
 }
 
-bool reader_read(ItemReader *r, void *buf, uint32_t n) {
+bool source_read(ItemReader *r, void *buf, uint32_t n) {
   if (!r->in_idat) return read_bytes(r->io, r->handle, buf, n);
   if (n > r->idat_size - r->pos) return false;
   if (n != 0) memcpy(buf, r->idat + static_cast<size_t>(r->pos), n);
@@ -113,21 +117,92 @@ bool reader_read(ItemReader *r, void *buf, uint32_t n) {
   return true;
 }
 
-bool reader_skip(ItemReader *r, uint64_t n) {
+bool source_skip(ItemReader *r, uint64_t n) {
   if (!r->in_idat) return skip_by(r->io, r->handle, n);
   if (n > r->idat_size - r->pos) return false;
   r->pos += n;
   return true;
 }
 
+// Positions the source at the cursor's place in the current extent.
+bool enter_extent(ItemReader *r) {
+  const tarnd_extent &e = r->extents[r->extent];
+  if (r->in_extent > UINT64_MAX - e.offset) return false;
+  return source_seek(r, e.offset + r->in_extent);
+}
+
+// Moves the extent cursor n bytes on (buf non-null: reading them into buf).
+bool extents_advance(ItemReader *r, uint8_t *buf, uint64_t n) {
+  while (n != 0) {
+    if (r->extent >= r->extent_cnt) return false;
+    const tarnd_extent &e = r->extents[r->extent];
+    const uint64_t avail = e.length - r->in_extent;
+    if (avail == 0) {
+      ++r->extent;
+      r->in_extent = 0;
+      if (r->extent < r->extent_cnt && !enter_extent(r)) return false;
+      continue;
+    }
+    const uint64_t take = n < avail ? n : avail;
+    const bool ok = buf != nullptr ? source_read(r, buf, static_cast<uint32_t>(take)) : source_skip(r, take);
+    if (!ok) return false;
+    if (buf != nullptr) buf += take;
+    r->in_extent += take;
+    n -= take;
+  }
+  return true;
+}
+
+// Moves to offset + skip of the item's location; false when that lies
+// outside the data (a failed seek).
+bool reader_seek(ItemReader *r, uint64_t offset, uint64_t skip) {
+  if (r->extents != nullptr) {
+    r->extent = 0;
+    r->in_extent = 0;
+    if (!enter_extent(r)) return false;
+    return extents_advance(r, nullptr, skip);
+  }
+  if (skip > UINT64_MAX - offset) return false;
+  return source_seek(r, offset + skip);
+}
+
+bool reader_read(ItemReader *r, void *buf, uint32_t n) {
+  if (r->extents != nullptr) return extents_advance(r, static_cast<uint8_t *>(buf), n);
+  return source_read(r, buf, n);
+}
+
+bool reader_skip(ItemReader *r, uint64_t n) {
+  if (r->extents != nullptr) return extents_advance(r, nullptr, n);
+  return source_skip(r, n);
+}
+
+// True when n bytes lie between start and the end of the data.
+bool source_has(const ItemReader &r, uint64_t start, uint64_t n) {
+  uint64_t size = r.idat_size;
+  if (!r.in_idat && !source_size(r.io, r.handle, &size)) return false;
+  return start <= size && n <= size - start;
+}
+
 // True when n bytes can follow the current position, so that a copy is
 // never allocated for data the source does not hold.
 bool reader_has(const ItemReader &r, uint64_t n) {
+  if (r.extents != nullptr) {
+    // Every extent still to come must lie inside the data.
+    uint64_t held = 0;
+    for (uint32_t e = r.extent; e < r.extent_cnt && held < n; ++e) {
+      const uint64_t from = e == r.extent ? r.in_extent : 0;
+      const tarnd_extent &x = r.extents[e];
+      if (from > x.length || from > UINT64_MAX - x.offset || !source_has(r, x.offset + from, x.length - from)) {
+        return false;
+      }
+      held += x.length - from;
+    }
+    return held >= n;
+  }
   if (r.in_idat) return n <= r.idat_size - r.pos;
   uint64_t pos = 0;
-  uint64_t size = 0;
-  if (!tell_pos(r.io, r.handle, &pos) || !source_size(r.io, r.handle, &size)) return false;
-  return pos <= size && n <= size - pos;
+  if (!tell_pos(r.io, r.handle, &pos)) return false;
+  return source_has(r, pos, n);
 }
 
 // Reads n bytes of item data into a new allocation.
@@ -175,7 +250,13 @@ int32_t info_grid(tarnd_ctx *ctx, const tarnd_item &item, int32_t item_id, tarnd
   // copied, whatever length the file claims.
   uint8_t data[kGridSize32] = {0};
   uint64_t size = 0;
-  if (item.construction_method == kMethodFile) {
+  if (item.extents != nullptr) {
+    ItemReader r = item_reader(ctx, item);
+    size = item.length;
+    const uint32_t head = size < kGridSize32 ? static_cast<uint32_t>(size) : kGridSize32;
+    if (!reader_seek(&r, item.offset, 0)) return -1;
+    if (!reader_has(r, size) || !reader_read(&r, data, head)) return -6;
+  } else if (item.construction_method == kMethodFile) {
     if (!seek_to(&ctx->io, ctx->handle, item.offset)) return -1;
     size = item.length;
     const uint32_t head = size < kGridSize32 ? static_cast<uint32_t>(size) : kGridSize32;
@@ -298,7 +379,7 @@ int32_t info_tonemap(tarnd_ctx *ctx, tarnd_item *item, int32_t item_id, tarnd_it
     return 0;
   }
   if (!location_supported(*item, item_id, "tarnd_get_info_item")) return -2;
-  if (item->construction_method == kMethodIdat) {
+  if (item->construction_method == kMethodIdat && item->extents == nullptr) {
     // Subtraction form: offset + 1 + size must not pass the end of idat.
     if (ctx->meta.idat == nullptr || size > ctx->meta.idat_size ||
         item->offset >= ctx->meta.idat_size - size || size > UINT32_MAX) {

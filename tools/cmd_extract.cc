@@ -12,7 +12,7 @@ namespace {
 
 const char kExtractHelp[] =
     "usage: tarn extract FILE [--primary|--thumbnail|--alpha|--depth|--gainmap|--item ID]\n"
-    "                         [--tile N|--all-tiles] -o OUT [-v]\n"
+    "                         [--tile N|--all-tiles] -o OUT [-v] [--strict]\n"
     "\n"
     "Writes an image's decoder configuration (VPS, SPS, PPS) followed by its coded\n"
     "data as an Annex-B .hevc stream that ffmpeg and dec265 decode directly; a\n"
@@ -20,16 +20,17 @@ const char kExtractHelp[] =
     "another is chosen. For a grid, --tile N (0-based, row by row) writes one\n"
     "tile to OUT and --all-tiles writes every tile to OUT with the tile number\n"
     "inserted before the extension (out.hevc -> out.0.hevc, out.1.hevc, ...);\n"
-    "without either, a grid writes all tiles.\n";
+    "without either, a grid writes all tiles. --strict reads the file by the\n"
+    "written rules only (see tarn info --help).\n";
 
 const char kExifHelp[] =
-    "usage: tarn exif FILE -o OUT [--item ID] [-v]\n"
+    "usage: tarn exif FILE -o OUT [--item ID] [-v] [--strict]\n"
     "\n"
     "Writes the Exif data of the primary image (or item ID) as a TIFF stream, the\n"
     "form exiftool reads. OUT '-' writes to stdout.\n";
 
 const char kXmpHelp[] =
-    "usage: tarn xmp FILE -o OUT [--item ID] [-v]\n"
+    "usage: tarn xmp FILE -o OUT [--item ID] [-v] [--strict]\n"
     "\n"
     "Writes the XMP packet of the primary image (or item ID). OUT '-' writes to\n"
     "stdout.\n";
@@ -92,7 +93,7 @@ const OptionSpec kExtractSpecs[] = {
     {"--help", "-h", false},       {"-v", "--verbose", false},   {"--primary", nullptr, false},
     {"--thumbnail", nullptr, false}, {"--alpha", nullptr, false}, {"--depth", nullptr, false},
     {"--gainmap", nullptr, false}, {"--item", nullptr, true},    {"--tile", nullptr, true},
-    {"--all-tiles", nullptr, false}, {"-o", "--output", true},
+    {"--all-tiles", nullptr, false}, {"-o", "--output", true},    {"--strict", nullptr, false},
 };
 
 }  // namespace
@@ -123,7 +124,7 @@ int cmd_extract(int argc, char **argv) {
   const std::string out = cl.value("-o");
   HeifFile file;
   std::string why;
-  if (!file.open(path, &why)) {
+  if (!file.open(path, &why, cl.has("--strict"))) {
     error("extract", "%s: %s", path.c_str(), why.c_str());
     return kExitFailed;
   }
@@ -171,7 +172,8 @@ namespace {
 
 int metadata_command(const char *command, const char *help, uint32_t kind, int argc, char **argv) {
   static const OptionSpec kSpecs[] = {
-      {"--help", "-h", false}, {"-v", "--verbose", false}, {"--item", nullptr, true}, {"-o", "--output", true}};
+      {"--help", "-h", false}, {"-v", "--verbose", false}, {"--item", nullptr, true}, {"-o", "--output", true},
+      {"--strict", nullptr, false}};
   CommandLine cl;
   if (!parse_command_line(command, argc, argv, 2, kSpecs, sizeof kSpecs / sizeof kSpecs[0], &cl)) return kExitUsage;
   if (cl.has("--help")) {
@@ -186,7 +188,7 @@ int metadata_command(const char *command, const char *help, uint32_t kind, int a
   const std::string &path = cl.operands[0];
   HeifFile file;
   std::string why;
-  if (!file.open(path, &why)) {
+  if (!file.open(path, &why, cl.has("--strict"))) {
     error(command, "%s: %s", path.c_str(), why.c_str());
     return kExitFailed;
   }

@@ -9,7 +9,7 @@ namespace tarn_cli {
 namespace {
 
 const char kHelp[] =
-    "usage: tarn info [--json] [-v] FILE...\n"
+    "usage: tarn info [--json] [-v] [--strict] FILE...\n"
     "\n"
     "Describes each FILE: brands, the primary image, every image with its role\n"
     "(thumbnail, alpha, depth, gain map, tone map, stereo view), size, rotation,\n"
@@ -18,6 +18,8 @@ const char kHelp[] =
     "\n"
     "  --json   one JSON object per file, one per line (format in the README)\n"
     "  -v       show the library's log lines on stderr\n"
+    "  --strict read by the written rules only, refusing what phones and\n"
+    "           other encoders write outside them (default: tolerant)\n"
     "\n"
     "A file that cannot be read is reported and the others are still shown;\n"
     "the exit status is then 1.\n";
@@ -235,7 +237,8 @@ void print_json(const std::string &path, const HeifFile &file, const std::vector
 }  // namespace
 
 int cmd_info(int argc, char **argv) {
-  static const OptionSpec kSpecs[] = {{"--help", "-h", false}, {"--json", nullptr, false}, {"-v", "--verbose", false}};
+  static const OptionSpec kSpecs[] = {{"--help", "-h", false}, {"--json", nullptr, false}, {"-v", "--verbose", false},
+                                      {"--strict", nullptr, false}};
   CommandLine cl;
   if (!parse_command_line("info", argc, argv, 2, kSpecs, sizeof kSpecs / sizeof kSpecs[0], &cl)) return kExitUsage;
   if (cl.has("--help")) {
@@ -252,7 +255,7 @@ int cmd_info(int argc, char **argv) {
   for (const std::string &path : cl.operands) {
     HeifFile file;
     std::string why;
-    if (!file.open(path, &why)) {
+    if (!file.open(path, &why, cl.has("--strict"))) {
       error("info", "%s: %s", path.c_str(), why.c_str());
       if (json) std::printf("{\"file\":%s,\"ok\":false,\"error\":%s}\n", json_string(path).c_str(), json_string(why).c_str());
       status = kExitFailed;

@@ -66,7 +66,7 @@ HeifFile::~HeifFile() {
   if (handle_ != nullptr) tarnd_delete(handle_);
 }
 
-bool HeifFile::open(const std::string &path, std::string *why) {
+bool HeifFile::open(const std::string &path, std::string *why, bool strict) {
   path_ = path;
   FILE *probe = std::fopen(path_.c_str(), "rb");
   if (probe == nullptr) {
@@ -79,7 +79,7 @@ bool HeifFile::open(const std::string &path, std::string *why) {
     return false;
   }
   int32_t err = 0;
-  handle_ = tarnd_create(&io_, 0, &file_info_, &err);
+  handle_ = tarnd_create_with_flags(&io_, strict ? TARND_READ_STRICT : TARND_READ_TOLERANT, &file_info_, &err);
   if (handle_ == nullptr) {
     switch (err) {
       case -6: *why = "cannot open the file"; break;

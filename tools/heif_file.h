@@ -28,8 +28,9 @@ class HeifFile {
   HeifFile(const HeifFile &) = delete;
   HeifFile &operator=(const HeifFile &) = delete;
 
-  // Opens path; on failure returns false and says why.
-  bool open(const std::string &path, std::string *why);
+  // Opens path, in tolerant reading mode unless strict is set; on failure
+  // returns false and says why.
+  bool open(const std::string &path, std::string *why, bool strict = false);
 
   void *handle() const { return handle_; }
   const tarnd_ctx *model() const { return static_cast<const tarnd_ctx *>(handle_); }

@@ -36,7 +36,9 @@ void usage(FILE *out) {
   std::fprintf(out,
                "\n"
                "Run 'tarn <command> --help' for a command's options. Every command takes -v to\n"
-               "show the library's log lines on stderr.\n"
+               "show the library's log lines on stderr. Files are read in tolerant mode (they\n"
+               "open as other HEIF readers open them); --strict on info, extract, exif and xmp\n"
+               "reads by the written rules only.\n"
                "\n"
                "exit status: 0 done, 1 a file could not be read, parsed or written,\n"
                "             2 bad command line\n");

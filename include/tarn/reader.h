@@ -98,6 +98,13 @@ typedef struct tarnd_item_cache {
   uint8_t *cache_data; /* owned */
 } tarnd_item_cache;
 
+/* One piece of an item's data: in the file (construction method 0) or
+ * inside idat (method 1). */
+typedef struct tarnd_extent {
+  uint64_t offset;
+  uint64_t length;
+} tarnd_extent;
+
 /* One item. item_id 0 marks a slot not yet taken. */
 typedef struct tarnd_item {
   uint16_t item_id;
@@ -115,6 +122,12 @@ typedef struct tarnd_item {
     tarnd_item_cache meta;
   } view;
   uint32_t flags; /* TARND_ITEM_* */
+  /* Tolerant reading only: an item whose data lies in several extents keeps
+   * them all here, in order (offset and length then describe the first
+   * extent's start and the sum of their lengths). NULL when the item has
+   * one extent or none. */
+  uint32_t extent_cnt;
+  tarnd_extent *extents; /* owned */
 } tarnd_item;
 
 /*
@@ -206,6 +219,14 @@ typedef struct tarnd_ctx {
   /* Version of the iref box being walked: version 1 reference boxes carry
    * 32-bit item ids. Set by the walker. */
   uint8_t iref_version;
+  /* TARND_READ_* mode the file was opened with. */
+  uint32_t read_flags;
+  /* Tolerant reading, during the walk only: an open-addressed table from
+   * item id to slot (item_slot_mask + 1 entries, 0 for free, else the
+   * slot plus 1) and the number of slots taken. */
+  uint32_t *item_slots;
+  uint32_t item_slot_mask;
+  uint32_t item_slots_taken;
 } tarnd_ctx;
 
 /*

@@ -72,6 +72,7 @@ struct File {
   std::vector<Loc> locs = {{1, 0, 10, 0}};
   uint8_t iloc_version = 0;
   Bytes iloc;  // built from locs unless set
+  std::vector<std::pair<uint32_t, uint32_t>> split;  // item 1's extents (offset, length) when set
   Bytes ipco = cat({hvcc(), ispe(64, 64)});
   Bytes ipma_box = ipma({{1, 0x81, 0x82}});
   Bytes iprp;  // built from ipco and ipma_box unless set
@@ -85,8 +86,11 @@ struct File {
       const bool wide = iloc_version == 2;
       loc = cat({u8(0x44), u8(0), wide ? u32(uint32_t(locs.size())) : u16(uint16_t(locs.size()))});
       for (const Loc &l : locs) {
-        append(&loc, cat({wide ? u32(l.id) : u16(l.id), iloc_version ? u16(l.method) : Bytes{},
-                          u16(0), u16(1), u32(l.method ? l.off : base + l.off), u32(l.len)}));
+        const auto &ext = l.id == 1 && !split.empty() ? split : std::vector<std::pair<uint32_t, uint32_t>>{
+                                                                    {l.off, l.len}};
+        append(&loc, cat({wide ? u32(l.id) : u16(l.id), iloc_version ? u16(l.method) : Bytes{}, u16(0),
+                          u16(uint16_t(ext.size()))}));
+        for (const auto &e : ext) append(&loc, cat({u32(l.method ? e.first : base + e.first), u32(e.second)}));
       }
       loc = fullbox("iloc", iloc_version, 0, {loc});
     }
@@ -121,7 +125,38 @@ File clapped(uint32_t w, uint32_t h, std::vector<int32_t> v) {
   return f;
 }
 
-enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb };
+// Item 1 as in File, plus a hidden 64x64 item 2 holding kFrame too.
+File two_items() {
+  File f;
+  f.infes = {infe(1, "hvc1"), infe(2, "hvc1", 1)};
+  f.locs = {{1, 0, 10, 0}, {2, 0, 10, 0}};
+  f.ipma_box = ipma({{1, 0x81, 0x82}, {2, 0x81, 0x82}});
+  return f;
+}
+// Moves iinf behind iprp, so that iloc is the box that numbers the slots.
+File iloc_first(File f) {
+  f.more = cat({fullbox("iinf", 0, 0, {u16(uint16_t(f.infes.size())), cat(f.infes)}), f.more});
+  f.iinf = box("free");
+  return f;
+}
+// Item 1 in two extents, stored in reverse order; the second extent starts
+// at second_off in mdat.
+File two_extents(uint32_t second_off) {
+  File f;
+  f.mdat = cat({Bytes(kFrame.begin() + 4, kFrame.end()), Bytes(kFrame.begin(), kFrame.begin() + 4)});
+  f.split = {{6, 4}, {second_off, 6}};
+  return f;
+}
+// Item 2 is an auxiliary image of item 1 of the given type.
+File aux_of_1(const char *urn) {
+  File f = two_items();
+  f.ipco = cat({hvcc(), ispe(64, 64), fullbox("auxC", 0, 0, {str(urn)})});
+  f.ipma_box = ipma({{1, 0x81, 0x82}, {2, 0x81, 0x82, 0x83}});
+  f.more = iref(ref("auxl", 2, {1}));
+  return f;
+}
+
+enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb, kFrameSize, kPrimary, kGainMap, kFlags2 };
 
 struct Case {
   const char *name;
@@ -276,6 +311,55 @@ const Case kCases[] = {
      0, kGrid, -2, "tarnd_get_info_item : grid data is abnormal", "tarnd"},
 };
 
+// Valid files that strict reading refuses or reads short, and tolerant
+// reading opens: both modes side by side, with the line each one logs.
+struct ModeCase {
+  const char *name;
+  File (*make)();
+  Query query;
+  struct Mode {
+    int32_t create;
+    int32_t answer;   // the query's status, or its value where it has one
+    const char *log;  // exact line at WARN or above; nullptr = none
+    const char *tag;
+  } strict, tolerant;
+};
+
+const ModeCase kModeCases[] = {
+    {"mode_iloc_ids_descending", [] { File f = two_items(); f.locs = {f.locs[1], f.locs[0]};
+       return iloc_first(f); }, kFrame64,
+     {0, -1, "parser_infe : valid index for item(1) could not be found", "tarnd_handlers"},
+     {0, 0, nullptr, nullptr}},
+    {"mode_infe_ids_descending", [] { File f = two_items(); f.infes = {f.infes[1], f.infes[0]};
+       f.more = iref(ref("thmb", 2, {1})); return f; }, kThumb,
+     {-2, 0, "item_ID does not increase. previous(2), current(1)", "tarnd_handlers"},
+     {0, 0, nullptr, nullptr}},
+    {"mode_all_boxes_descending", [] { File f = two_items(); f.infes = {f.infes[1], f.infes[0]};
+       f.locs = {f.locs[1], f.locs[0]}; f.more = iref(ref("thmb", 2, {1})); return iloc_first(f); }, kThumb,
+     {0, -1, "item_ID does not increase. previous(2), current(1)", "tarnd_handlers"},
+     {0, 0, nullptr, nullptr}},
+    {"mode_colr_profile_empty", [] { File f; f.ipco = cat({hvcc(), ispe(64, 64), box("colr",
+       {fourcc("prof")})}); f.ipma_box = ipma({{1, 0x81, 0x82, 0x83}}); return f; }, kInfoImage,
+     {-2, 0, "color data size is too big 4", "tarnd_handlers"},
+     {0, 0, "colour profile is empty or too short(0 bytes); kept without profile", "tarnd_handlers"}},
+    {"mode_colr_profile_short", [] { File f; f.ipco = cat({hvcc(), ispe(64, 64), box("colr",
+       {fourcc("rICC"), zeros(100)})}); f.ipma_box = ipma({{1, 0x81, 0x82, 0x83}}); return f; }, kInfoImage,
+     {0, 0, nullptr, nullptr},
+     {0, 0, "colour profile is empty or too short(100 bytes); kept without profile", "tarnd_handlers"}},
+    {"mode_apple_gain_map", [] { return aux_of_1("urn:com:apple:photo:2020:aux:hdrgainmap"); }, kGainMap,
+     {0, -1, nullptr, nullptr}, {0, 2, nullptr, nullptr}},
+    {"mode_cicp_alpha", [] { return aux_of_1("urn:mpeg:mpegB:cicp:systems:auxiliary:alpha"); }, kFlags2,
+     {0, 0, nullptr, nullptr}, {0, TARND_ITEM_AUX_ALPHA, nullptr, nullptr}},
+    {"mode_two_extents", [] { return two_extents(0); }, kFrameSize,
+     {0, 6, nullptr, nullptr}, {0, 10, nullptr, nullptr}},
+    {"mode_second_extent_past_file", [] { return two_extents(1000); }, kFrame64,
+     {0, -1, nullptr, nullptr}, {0, -6, nullptr, nullptr}},
+    {"mode_overlay_primary", [] { File f; f.infes = {infe(2, "hvc1"), infe(3, "iovl")};
+       f.locs = {{2, 0, 10, 0}, {3, 0, 0, 0}}; f.ipma_box = ipma({{2, 0x81, 0x82}, {3, 0x82}});
+       f.pitm = fullbox("pitm", 0, 0, {u16(3)}); f.more = iref(ref("dimg", 3, {2})); return f; }, kPrimary,
+     {0, 2, nullptr, nullptr}, {0, 3, nullptr, nullptr}},
+};
+
 std::string regression_path(const char *name) {
   return std::string(TARN_TEST_DATA_DIR) + "/../../fuzz/regressions/reader/" + name;
 }
@@ -312,10 +396,47 @@ int32_t ask(void *h, Query q) {
       uint32_t id = 0;
       return tarnd_get_image_id(h, TARND_ID_THUMBNAIL, TARND_ID_REF_PRIMARY, &id);
     }
+    case kFrameSize: {
+      uint8_t buf[64];
+      int32_t size = -1;
+      const int32_t s = tarnd_get_image_frm(h, 1, buf, sizeof(buf), &size);
+      if (size == 10) {
+        EXPECT_EQ(memcmp(buf + 4, kFrame.data() + 4, 6), 0);
+      }
+      return s == 0 ? size : s;
+    }
+    case kPrimary:
+    case kGainMap: {
+      uint32_t id = 0;
+      const int32_t s =
+          tarnd_get_image_id(h, q == kPrimary ? TARND_ID_PRIMARY : TARND_ID_GAINMAP, TARND_ID_REF_PRIMARY, &id);
+      return s == 0 ? int32_t(id) : s;
+    }
+    case kFlags2: {
+      tarnd_image_info info = {};
+      const int32_t s = tarnd_get_info_image(h, 2, &info);
+      return s == 0 ? int32_t(info.flags & (TARND_ITEM_AUX_ALPHA | TARND_ITEM_AUX_GAINMAP)) : s;
+    }
     case kNone:
       break;
   }
   return 0;
+}
+
+void *open_bytes(const Bytes &bytes, uint32_t mode, int32_t *err) {
+  tarnd_io_dsc io;
+  tarnd_io_init_memory(&io, bytes.data(), bytes.size());
+  tarnd_file_info info;
+  *err = 1;
+  return tarnd_create_with_flags(&io, mode, &info, err);
+}
+
+void expect_log(const LogCapture &cap, const char *log, const char *tag) {
+  if (tag != nullptr) {
+    EXPECT_TRUE(cap.has(log, tag)) << cap.dump();
+  } else {
+    for (const LogLine &l : cap.lines()) EXPECT_LT(l.priority, 5) << l.text;
+  }
 }
 
 TEST(MalformedFiles, StatusAndLogLine) {
@@ -334,10 +455,34 @@ TEST(MalformedFiles, StatusAndLogLine) {
       EXPECT_EQ(ask(h, c.query), c.query_status);
     }
     tarnd_delete(h);
-    if (c.tag != nullptr) {
-      EXPECT_TRUE(cap.has(c.log, c.tag)) << cap.dump();
-    } else {
-      for (const LogLine &l : cap.lines()) EXPECT_LT(l.priority, 5) << l.text;
+    expect_log(cap, c.log, c.tag);
+    // Tolerant reading is as safe on the same damage: the query's buffer
+    // checks run again, and whatever strict reading opens, it opens too.
+    void *t = open_bytes(bytes, TARND_READ_TOLERANT, &err);
+    if (c.create == 0) {
+      EXPECT_NE(t, nullptr);
+    }
+    if (t != nullptr) ask(t, c.query);
+    tarnd_delete(t);
+  }
+}
+
+TEST(MalformedFiles, StrictAndTolerantSideBySide) {
+  for (const ModeCase &c : kModeCases) {
+    SCOPED_TRACE(c.name);
+    const Bytes bytes = c.make().build();
+    for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+      SCOPED_TRACE(mode == TARND_READ_STRICT ? "strict" : "tolerant");
+      const ModeCase::Mode &m = mode == TARND_READ_STRICT ? c.strict : c.tolerant;
+      LogCapture cap;
+      int32_t err;
+      void *h = open_bytes(bytes, mode, &err);
+      EXPECT_EQ(err, m.create);
+      if (h != nullptr) {
+        EXPECT_EQ(ask(h, c.query), m.answer);
+      }
+      tarnd_delete(h);
+      expect_log(cap, m.log, m.tag);
     }
   }
 }
@@ -345,9 +490,11 @@ TEST(MalformedFiles, StatusAndLogLine) {
 // The replay of fuzz/regressions/reader/ runs these files through every query.
 TEST(MalformedFiles, RegressionInputsAreCurrent) {
   const bool update = std::getenv("TARN_UPDATE_REGRESSIONS") != nullptr;
-  for (const Case &c : kCases) {
-    const Bytes bytes = c.make().build();
-    const std::string path = regression_path(c.name);
+  std::vector<std::pair<const char *, Bytes>> files;
+  for (const Case &c : kCases) files.emplace_back(c.name, c.make().build());
+  for (const ModeCase &c : kModeCases) files.emplace_back(c.name, c.make().build());
+  for (const auto &[name, bytes] : files) {
+    const std::string path = regression_path(name);
     if (update) {
       std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()),
                                                   std::streamsize(bytes.size()));

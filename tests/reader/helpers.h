@@ -23,14 +23,14 @@ struct CtxDeleter {
 };
 using CtxPtr = std::unique_ptr<tarnd_ctx, CtxDeleter>;
 
-inline CtxPtr open_io(const tarnd_io_dsc &io, int32_t *err) {
+inline CtxPtr open_io(const tarnd_io_dsc &io, int32_t *err, uint32_t mode = TARND_READ_STRICT) {
   tarnd_file_info info;
-  return CtxPtr(static_cast<tarnd_ctx *>(tarnd_create(&io, 0, &info, err)));
+  return CtxPtr(static_cast<tarnd_ctx *>(tarnd_create_with_flags(&io, mode, &info, err)));
 }
-inline CtxPtr open_memory(const std::vector<uint8_t> &bytes, int32_t *err) {
+inline CtxPtr open_memory(const std::vector<uint8_t> &bytes, int32_t *err, uint32_t mode = TARND_READ_STRICT) {
   tarnd_io_dsc io;
   tarnd_io_init_memory(&io, bytes.data(), bytes.size());
-  return open_io(io, err);
+  return open_io(io, err, mode);
 }
 inline CtxPtr open_path(const std::string &path, int32_t *err) {
   tarnd_io_dsc io;
