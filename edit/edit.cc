@@ -338,6 +338,10 @@ int32_t Edit::plan() {
   if (p->item_type != kHvc1 && p->item_type != kGrid)
     return fail(TARN_EDIT_REFUSED, format("the primary image is %s, which the writer cannot express",
                                           describe_item(*p).c_str()));
+  uint16_t ref_count = 0;
+  if (first_ref(*p, kThmb, &ref_count) != nullptr || first_ref(*p, kAuxl, &ref_count) != nullptr)
+    return fail(TARN_EDIT_REFUSED, format("the primary image (item %u) is itself a thumbnail or auxiliary image, "
+                                          "which the writer cannot express", p->item_id));
   for (uint32_t type : facts_.top_level) {
     if (type != kMoov) continue;
     if (!set(TARN_EDIT_DROP_UNSUPPORTED))
@@ -565,8 +569,24 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
     info.tmap_data = im.tmap_data.data();
     info.tmap_size = uint32_t(im.tmap_data.size());
   }
+  // Encoders put the colour on the grid, on its tiles, or on both; the writer
+  // puts it on both, so a grid without its own takes its tiles'.
+  uint32_t colour_id = im.item->item_id;
+  if (!im.tiles.empty()) {
+    bool own = false;
+    for (const PropertyBox *p : properties_of(colour_id)) own = own || p->colour_type != 0;
+    if (!own) {
+      colour_id = im.tiles[0];
+      tarnd_image_info tile{};
+      tarnd_get_info_image(const_cast<tarnd_ctx *>(ctx_), int32_t(colour_id), &tile);
+      im.info.icc_data = tile.icc_data;
+      im.info.icc_size = tile.icc_size;
+    }
+  }
   for (const PropertyBox *p : properties_of(im.item->item_id)) {
     if (p->type == TARND_FCC('c', 'l', 'l', 'i')) info.max_cll = p->max_cll, info.max_pall = p->max_pall;
+  }
+  for (const PropertyBox *p : properties_of(colour_id)) {
     if (p->colour_type == TARND_FCC('n', 'c', 'l', 'x')) {
       info.color_type = 1;
       info.color_data = p->nclx;
@@ -575,7 +595,7 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
   }
   if (im.info.icc_size > 0 && im.info.icc_data != nullptr) {
     uint32_t icc_type = 3;
-    for (const PropertyBox *p : properties_of(im.item->item_id)) {
+    for (const PropertyBox *p : properties_of(colour_id)) {
       if (p->colour_type == TARND_FCC('r', 'I', 'C', 'C')) icc_type = 2;
     }
     info.color_type = icc_type;
