@@ -241,7 +241,7 @@ class Edit {
 int32_t Edit::check_coded(uint32_t id, const char *role, std::string *why) {
   const tarnd_item *it = item(id);
   if (it == nullptr) {
-    *why = format("%s item %u is missing", role, id);
+    *why = format("%s is missing", role);
     return TARN_EDIT_UNREADABLE;
   }
   if (it->item_type != kHvc1) {
@@ -251,7 +251,7 @@ int32_t Edit::check_coded(uint32_t id, const char *role, std::string *why) {
   for (const PropertyBox *p : properties_of(id)) {
     for (const Transform &t : kTransforms) {
       if (p->type == t.type) {
-        *why = format("%s (item %u) has %s, which the writer cannot express", role, id, t.what);
+        *why = format("%s has %s, which the writer cannot express", role, t.what);
         return TARN_EDIT_REFUSED;
       }
     }
@@ -259,7 +259,7 @@ int32_t Edit::check_coded(uint32_t id, const char *role, std::string *why) {
   tarnd_image_info info{};
   if (tarnd_get_info_image(const_cast<tarnd_ctx *>(ctx_), int32_t(id), &info) != 0 || info.config_data == nullptr ||
       info.width == 0 || info.height == 0) {
-    *why = format("%s (item %u) has no decoder configuration or size", role, id);
+    *why = format("%s has no decoder configuration or size", role);
     return TARN_EDIT_UNREADABLE;
   }
   return TARN_EDIT_OK;
@@ -296,7 +296,7 @@ int32_t Edit::check_image(Image &im) {
     im.tiles.resize(count);
     tarnd_get_list_referenceto(h, int32_t(it.item_id), im.tiles.data(), count);
     for (uint32_t t = 0; t < count; ++t) {
-      const std::string tile_role = format("tile %u of %s", t + 1, role.c_str());
+      const std::string tile_role = format("tile %u (item %u) of %s", t + 1, im.tiles[t], role.c_str());
       if ((rc = check_coded(im.tiles[t], tile_role.c_str(), &why)) != 0) return fail(rc, why);
       tarnd_image_info tile{};
       tarnd_get_info_image(h, int32_t(im.tiles[t]), &tile);
