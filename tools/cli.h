@@ -71,6 +71,7 @@ int cmd_exif(int argc, char **argv);
 int cmd_xmp(int argc, char **argv);
 int cmd_mux(int argc, char **argv);
 int cmd_boxes(int argc, char **argv);
+int cmd_edit(int argc, char **argv);
 
 }  // namespace tarn_cli
 

@@ -18,14 +18,16 @@ namespace {
 const char kHelp[] =
     "usage: tarn mux -o OUT.heic (--image IMG.hevc | --grid RxC (--tile T.hevc ... | --tiles DIR))\n"
     "                [--size WxH] [--thumbnail T.hevc] [--alpha A.hevc] [--depth D.hevc]\n"
+    "                [--gainmap G.hevc] [--stereo RIGHT.hevc]\n"
     "                [--exif E] [--xmp X] [--icc P.icc] [--rotate 0|90|180|270] [-v]\n"
     "\n"
     "Builds a HEIC file. Each .hevc input is one coded picture as an Annex-B\n"
     "stream with its VPS, SPS and PPS. A grid takes R rows and C columns of\n"
     "tiles, row by row, from --tile options in order or from the .hevc files of\n"
     "DIR sorted by name; its output size is the tiles' extent unless --size\n"
-    "gives a smaller one. The thumbnail, alpha and depth images belong to the\n"
-    "primary image. --exif takes an Exif block (\"Exif\\0\\0\" then TIFF; a bare\n"
+    "gives a smaller one. The thumbnail, alpha, depth and HDR gain-map images\n"
+    "belong to the primary image; --stereo adds the right view of a stereo pair\n"
+    "whose left view is the primary image. --exif takes an Exif block (\"Exif\\0\\0\" then TIFF; a bare\n"
     "TIFF stream is accepted too), --xmp an XMP packet, --icc an ICC profile.\n"
     "--rotate turns the displayed image clockwise.\n";
 
@@ -147,6 +149,7 @@ int cmd_mux(int argc, char **argv) {
       {"--grid", nullptr, true},   {"--tile", nullptr, true},  {"--tiles", nullptr, true}, {"--size", nullptr, true},
       {"--thumbnail", nullptr, true}, {"--alpha", nullptr, true}, {"--depth", nullptr, true}, {"--exif", nullptr, true},
       {"--xmp", nullptr, true},    {"--icc", nullptr, true},   {"--rotate", nullptr, true},
+      {"--gainmap", nullptr, true}, {"--stereo", nullptr, true},
   };
   CommandLine cl;
   if (!parse_command_line("mux", argc, argv, 2, kSpecs, sizeof kSpecs / sizeof kSpecs[0], &cl)) return kExitUsage;
@@ -195,7 +198,10 @@ int cmd_mux(int argc, char **argv) {
   };
   static const Extra kExtras[] = {{"--thumbnail", IMG_TYPE_THUMBNAIL, 0},
                                   {"--alpha", IMG_TYPE_AUX, 1},
-                                  {"--depth", IMG_TYPE_AUX, 2}};
+                                  {"--depth", IMG_TYPE_AUX, 2},
+                                  {"--gainmap", IMG_TYPE_AUX, 3},
+                                  // The right view stands on its own; the primary names it.
+                                  {"--stereo", IMG_TYPE_OTHER, 0}};
   std::vector<std::pair<const Extra *, Picture>> extras;
   for (const Extra &e : kExtras) {
     if (!cl.has(e.option)) continue;
@@ -240,7 +246,9 @@ int cmd_mux(int argc, char **argv) {
 
   tarnm_image_info info;
   std::memset(&info, 0, sizeof info);
-  info.img_type = IMG_TYPE_MAIN;
+  info.img_type = cl.has("--stereo") ? IMG_TYPE_STEREO : IMG_TYPE_MAIN;
+  // The stereo view is the last extra, so its id is known before it is registered.
+  const uint32_t stereo_id = cl.has("--stereo") ? primary_id + uint32_t(extras.size()) : 0;
   info.width = main_pictures[0].width;
   info.height = main_pictures[0].height;
   info.rotation = grid ? 0 : rotation;  // a grid turns as a whole, not its tiles
@@ -286,9 +294,9 @@ int cmd_mux(int argc, char **argv) {
     g.last_tile_id = tile_count;
     g.grid_item_id = uint16_t(primary_id);
     g.rotation = rotation;
-    rc = tarnm_set_image_info(w, primary_id, 0, &info, &g);
+    rc = tarnm_set_image_info(w, primary_id, stereo_id, &info, &g);
   } else {
-    rc = tarnm_set_image_info(w, primary_id, 0, &info, nullptr);
+    rc = tarnm_set_image_info(w, primary_id, stereo_id, &info, nullptr);
   }
   if (rc != 0) {
     error("mux", "the writer refused the primary image (status %d; -v shows why)", rc);
@@ -307,7 +315,7 @@ int cmd_mux(int argc, char **argv) {
     ei.bit_depth = pic.depths;
     ei.bit_depth_info_count = pic.depth_count;
     if (!fill_param_sets(pic, &ei.param_sets)) return kExitFailed;
-    rc = tarnm_set_image_info(w, next_id, primary_id, &ei, nullptr);
+    rc = tarnm_set_image_info(w, next_id, extra->img_type == IMG_TYPE_OTHER ? 0 : primary_id, &ei, nullptr);
     if (rc != 0) {
       error("mux", "%s: the writer refused the image (status %d; -v shows why)", pic.path.c_str(), rc);
       return kExitFailed;

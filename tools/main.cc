@@ -21,6 +21,7 @@ const Command kCommands[] = {
     {"exif", tarn_cli::cmd_exif, "write the primary image's Exif data as a TIFF stream"},
     {"xmp", tarn_cli::cmd_xmp, "write the primary image's XMP packet"},
     {"mux", tarn_cli::cmd_mux, "build a HEIC file from Annex-B HEVC frames and metadata"},
+    {"edit", tarn_cli::cmd_edit, "change metadata, rotation and extra images without re-encoding"},
     {"boxes", tarn_cli::cmd_boxes, "print the box tree with offsets and sizes"},
 };
 

@@ -11,5 +11,6 @@
 #include "tarn/reader.h"
 #include "tarn/writer.h"
 #include "tarn/io.h"
+#include "tarn/edit.h"
 
 #endif /* TARN_TARN_H */

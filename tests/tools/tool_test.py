@@ -5,6 +5,7 @@ Usage: tool_test.py CASE --tarn PATH --corpus DIR --samples DIR --work DIR
 Exit status: 0 passed, 1 failed, 77 skipped (a needed tool or folder is absent).
 """
 import argparse
+import hashlib
 import json
 import os
 import re
@@ -261,17 +262,23 @@ def case_exif(a):
     return 0
 
 
-def check_conforms(a, path):
-    """Runs the HEIF/MIAF conformance checker on a file the tool wrote; every
-    '] Error' line it prints is a failure. Without the checker, says so once."""
+def conformance_errors(a, path):
+    """The '] Error' lines the HEIF/MIAF conformance checker prints for a
+    file, or None without the checker (said once)."""
     if not a.cw:
         if not getattr(a, "cw_missing_said", False):
             print("conformance checker not built (../shared/tools/cw absent): conformance not checked")
             a.cw_missing_said = True
-        return
+        return None
     r = run([a.cw, "-s", "miaf", path])
-    errors = [l for l in r.stdout.decode(errors="replace").splitlines() if "] Error" in l]
-    check(r.returncode == 0 and not errors, f"{os.path.basename(path)} is not conformant: {errors or r.returncode}")
+    return [l for l in r.stdout.decode(errors="replace").splitlines() if "] Error" in l]
+
+
+def check_conforms(a, path, allowed=0):
+    """Every '] Error' line beyond the allowed number is a failure."""
+    errors = conformance_errors(a, path)
+    if errors is not None:
+        check(len(errors) <= allowed, f"{os.path.basename(path)} is not conformant: {errors}")
 
 
 def ftyp_brands(path):
@@ -382,6 +389,177 @@ def case_boxes(a):
         expected = 0 if length in (24, meta_end) else 1
         check(r.returncode == expected and (expected == 0 or r.stderr.startswith(b"tarn: boxes: ")),
               f"boxes on the first {length} bytes: exit {r.returncode}: {r.stderr[-200:]}")
+    return 0
+
+
+# Files the edit must refuse without the options that allow it, with a word
+# of the message; each may also fail to open before the tolerant reader is in.
+EDIT_REFUSALS = {
+    "overlay_1000x680.heic": "overlay",
+    "sony_grid_jpeg_thumb.hif": "JPEG",
+    "sony_mono_exif_xmp.heic": "iptc",
+    "bird_burst.heic": "moov",
+    "alpha_1440x960.heic": "altr",
+    "stereo_1200x800.heic": "stereo",
+    "L_8__29x100.heif": "clean aperture",
+    "L_10__29x100.heif": "clean aperture",
+    "L_12__29x100.heif": "clean aperture",
+    "RGB_8_chroma444.heif": "clean aperture",
+    "invalid_id.heic": "thumbnail",
+}
+
+
+def edit_signature(tarn, path):
+    """What an edit must keep of a file's images, without ids."""
+    info = json.loads(run([tarn, "info", "--json", path]).stdout)
+    keys = ("type", "roles", "width", "height", "rotation", "colour", "exif_size", "xmp_size")
+    images = []
+    for i in info["images"]:
+        if i["type"] == "grid":
+            i["colour"] = None  # a grid takes its tiles' colour when it has none of its own
+        grid = i["grid"] and {k: v for k, v in i["grid"].items() if k != "tiles"}
+        images.append(json.dumps([i[k] for k in keys] + [grid, len(i["inputs"])], sort_keys=True))
+    return sorted(images), info
+
+
+def edit_streams(tarn, path, info, work):
+    """Digests of every image's extracted stream (each tile of a grid)."""
+    digests = []
+    for n, image in enumerate(i for i in info["images"] if i["type"] in ("hvc1", "grid")):
+        out = os.path.join(work, f"s{n}.hevc")
+        run([tarn, "extract", path, "--item", str(image["id"]), "-o", out])
+        for f in sorted(os.listdir(work)):
+            if f.startswith(f"s{n}.") and f.endswith(".hevc"):
+                digests.append(hashlib.sha256(open(os.path.join(work, f), "rb").read()).hexdigest())
+                os.remove(os.path.join(work, f))
+    return sorted(digests)
+
+
+def decoded_pngs(convert, path, work):
+    for f in os.listdir(work):
+        if f.endswith(".png"):
+            os.remove(os.path.join(work, f))
+    run([convert, "--quiet", path, os.path.join(work, "d.png")])
+    return sorted(hashlib.sha256(open(os.path.join(work, f), "rb").read()).hexdigest()
+                  for f in os.listdir(work) if f.endswith(".png"))
+
+
+def case_edit(a):
+    files = corpus_files(a.corpus)
+    if not files:
+        print(f"corpus not found at {a.corpus}: skipped")
+        return SKIP
+    convert = which("heif-convert")
+    if not convert:
+        print("heif-convert not installed (Debian libheif-examples): pixels not compared")
+    work, out = a.work, os.path.join(a.work, "out.heic")
+    # Round trips: an edit without options keeps images, metadata sizes,
+    # coded streams and decoded pixels.
+    same_pixels = round_trips = 0
+    for name, path in sorted(files.items()):
+        before = hashlib.sha256(open(path, "rb").read()).hexdigest()
+        r = run([a.tarn, "edit", path, "-o", out])
+        check(hashlib.sha256(open(path, "rb").read()).hexdigest() == before, f"edit {name} changed its input")
+        message = r.stderr.decode(errors="replace")
+        if r.returncode != 0:
+            check(not os.path.exists(out), f"refused edit of {name} left {out}")
+            if "not a readable HEIF file" in message:
+                print(f"{name}: does not open yet, skipped")
+            else:
+                check(name in EDIT_REFUSALS or "/broken/" in path or "moov" in message or "entity group" in message,
+                      f"edit {name} refused: {message}")
+                check(EDIT_REFUSALS.get(name, "") in message, f"edit {name}: message '{message}'")
+            continue
+        check(name not in EDIT_REFUSALS, f"edit {name} was not refused")
+        round_trips += 1
+        # An edit may not make a file less conformant than it was.
+        original_errors = conformance_errors(a, path)
+        if original_errors is not None:
+            check_conforms(a, out, len(original_errors))
+        (sig_in, info_in), (sig_out, info_out) = edit_signature(a.tarn, path), edit_signature(a.tarn, out)
+        # Grid tiles that were also shown on their own come back hidden only.
+        if name != "grid_960x640.heic":
+            check(sig_in == sig_out, f"{name}: images differ after edit:\n{sig_in}\n{sig_out}")
+        check(info_out["compatible_brands"] == ["mif1", "miaf", "heic"], f"{name}: brands {info_out['compatible_brands']}")
+        check(edit_streams(a.tarn, path, info_in, work) == edit_streams(a.tarn, out, info_out, work),
+              f"{name}: extracted streams differ")
+        if convert:
+            pix_in, pix_out = decoded_pngs(convert, path, work), decoded_pngs(convert, out, work)
+            if check(pix_out and set(pix_out) <= set(pix_in), f"{name}: decoded pixels differ"):
+                same_pixels += 1
+        os.remove(out)
+    print(f"{round_trips} corpus files round-trip, {same_pixels} pixel-identical")
+    check(round_trips >= 30, "fewer than 30 corpus files round-trip")
+
+    # Options: (arguments, file, check of the output)
+    iphone = files.get("iphone8plus_grid_thumb_exif.heic")
+    sony = files.get("sony_mono_exif_xmp.heic")
+    if not iphone or not sony:
+        return 0
+    exif, xmp = os.path.join(work, "gps.exif"), os.path.join(work, "new.xmp")
+    run([a.tarn, "exif", iphone, "-o", exif])
+    open(xmp, "wb").write(b"<x:xmpmeta xmlns:x='adobe:ns:meta/'/>")
+    with_gps = os.path.join(work, "gps.heic")
+    if which("exiftool"):
+        run(["exiftool", "-q", "-overwrite_original", "-GPSLatitude=48.137", "-GPSLatitudeRef=N",
+             "-GPSLongitude=11.575", "-GPSLongitudeRef=E", exif])
+    run([a.tarn, "edit", iphone, "-o", with_gps, "--exif", exif])
+
+    def meta(path, kind):
+        r = run([a.tarn, kind, path, "-o", "-"])
+        return r.stdout if r.returncode == 0 else None
+
+    def tags(path):
+        r = run(["exiftool", "-s", "-s", "-s", "-G1", "-Make", "-Model", "-DateTimeOriginal", "-Orientation", "-GPS:all", path])
+        return r.stdout.decode().splitlines()
+
+    def primary(path):
+        return json.loads(run([a.tarn, "info", "--json", path]).stdout)["images"][0]
+
+    table = [
+        (["--strip-exif"], iphone, lambda o: meta(o, "exif") in (None, b"")),
+        (["--strip-xmp"], sony, lambda o: meta(o, "xmp") in (None, b"") and meta(o, "exif")),
+        (["--exif", exif], iphone, lambda o: meta(o, "exif") == open(exif, "rb").read()),
+        (["--xmp", xmp], sony, lambda o: meta(o, "xmp") == open(xmp, "rb").read()),
+        (["--drop-thumbnails"], iphone, lambda o: [i["roles"] for i in json.loads(run(
+            [a.tarn, "info", "--json", o]).stdout)["images"]] == [["primary"]]),
+        (["--rotate", "180"], iphone, lambda o: primary(o)["rotation"] == 180),
+    ]
+    if which("exiftool"):
+        table.append((["--strip-gps"], with_gps, lambda o: tags(o) == [t for t in tags(with_gps) if not t.startswith("GPS ")]
+                      and any(t.startswith("GPS ") for t in tags(with_gps))))
+    if convert and which("convert"):
+        def turned(o):
+            run([a.tarn, "edit", iphone, "-o", out + "0.heic", "--rotate", "0"])
+            ref, got = (os.path.join(work, n) for n in ("ref.png", "got.png"))
+            run([convert, "--quiet", out + "0.heic", ref])
+            run(["convert", ref, "-rotate", "90", ref])
+            run([convert, "--quiet", o, got])
+            r = run(["compare", "-metric", "AE", ref, got, "null:"])
+            return r.stderr.strip() == b"0"
+        table.append((["--rotate", "90"], iphone, turned))
+    for args, path, ok in table:
+        r = run([a.tarn, "edit", path, "-o", out] + args + ["--drop-unsupported"])
+        if check(r.returncode == 0, f"edit {args}: {r.stderr.decode(errors='replace')}"):
+            check(ok(out), f"edit {args} on {os.path.basename(path)}: output is not as asked")
+            check_conforms(a, out)
+
+    # Refusals and bad command lines: exit status, message, no output.
+    os.remove(out)
+    bad = [
+        ([iphone, "-o", iphone], 2, "OUT is the input"),
+        ([iphone, "-o", out, "--rotate", "45"], 2, "--rotate takes"),
+        ([iphone, "-o", out, "--strip-exif", "--exif", exif], 2, "contradict"),
+        ([os.path.join(work, "absent.heic"), "-o", out], 1, "No such file"),
+        ([sony, "-o", out], 1, "--drop-unsupported"),
+        ([iphone, "-o", out, "--xmp", os.path.join(work, "absent.xmp")], 1, "absent.xmp"),
+    ]
+    for args, status, text in bad:
+        r = run([a.tarn, "edit"] + args)
+        message = r.stderr.decode(errors="replace")
+        check(r.returncode == status and text in message, f"edit {args}: status {r.returncode}, '{message}'")
+        check(not os.path.exists(out), f"edit {args} left {out}")
+    check(not [f for f in os.listdir(work) if ".tarn-" in f], "a temporary file was left behind")
     return 0
 
 
