@@ -399,7 +399,7 @@ EDIT_REFUSALS = {
     "sony_grid_jpeg_thumb.hif": "JPEG",
     "sony_mono_exif_xmp.heic": "iptc",
     "bird_burst.heic": "moov",
-    "alpha_1440x960.heic": "altr",
+    "alpha_1440x960.heic": "overlay",
     "stereo_1200x800.heic": "stereo",
     "L_8__29x100.heif": "clean aperture",
     "L_10__29x100.heif": "clean aperture",
