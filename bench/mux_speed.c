@@ -225,7 +225,7 @@ int main(int argc, char **argv) {
 
   printf("48-tile grid, %.2f MB of coded data, %d runs each, medians\n", (double)job.coded_bytes / 1e6,
          iterations);
-  printf("%-8s %12s %12s %12s %12s %10s\n", "output", "mux cpu us", "memcpy cpu us", "mux MB/s",
+  printf("%-8s %14s %14s %12s %12s %10s\n", "output", "mux cpu us", "memcpy cpu us", "mux MB/s",
          "memcpy MB/s", "mux/memcpy");
   for (mode = 0; mode < 2; ++mode) {
     const int delivered = mode == 0;
@@ -252,7 +252,7 @@ int main(int argc, char **argv) {
     mux_wall = median(times[1], iterations);
     copy_cpu = median(times[2], iterations);
     copy_wall = median(times[3], iterations);
-    printf("%-8s %12.1f %12.1f %12.0f %12.0f %9.2fx   (wall: %.1f / %.1f us, %.2fx)\n",
+    printf("%-8s %14.1f %14.1f %12.0f %12.0f %9.2fx   (wall: %.1f / %.1f us, %.2fx)\n",
            delivered ? "buffer" : "heap", mux_cpu, copy_cpu, (double)job.coded_bytes / mux_cpu,
            (double)job.coded_bytes / copy_cpu, copy_cpu / mux_cpu, mux_wall, copy_wall, copy_wall / mux_wall);
   }
