@@ -91,7 +91,7 @@ TARN_API uint64_t tarn_mblk_datasize(const tarn_mblk *list);
 /* Sum of the bytes used in all blocks (sized lists); 0 when empty. */
 TARN_API uint64_t tarn_mblk_total_datasize(const tarn_mblk *list);
 
-/* Size of the image heap allocated by tarnm_create, zero-filled. */
+/* Size of the image heap allocated by tarnm_create. */
 #define TARNM_INIT_HEAP_SIZE 10973492u
 /* The writer handle's magic: "MIEH" in memory. */
 #define TARNM_MAGIC 0x4845494Du
@@ -224,7 +224,7 @@ TARN_API int32_t tarnm_dump_image_to_outputbuffer(tarnm_ctx *handle, uint8_t *ou
  * of the whole file, close. 0; -1 for a bad handle; -6 when there is no
  * descriptor, open fails or the write is short. */
 TARN_API int32_t tarnm_dump_image_to_file(tarnm_ctx *handle, tarnm_output_dsc *output_dsc);
-/* Replaces the heap by a zero-filled one of new_size bytes (at least the
+/* Replaces the heap by one of new_size bytes (at least the
  * bytes written) holding the file so far. 0, -1 (new_size below the bytes
  * written) or -5 (no memory; the old heap stays). */
 TARN_API int32_t tarnm_alloc_additional_buffer(tarnm_state *state, uint32_t new_size);

@@ -563,6 +563,42 @@ def case_edit(a):
     return 0
 
 
+def dask_python():
+    """An interpreter that imports Dask distributed: this one, or Debian's."""
+    for python in (sys.executable, "/usr/bin/python3"):
+        if python and os.path.exists(python) and \
+                run([python, "-c", "import dask.bag, distributed"]).returncode == 0:
+            return python
+    return None
+
+
+def case_scan(a):
+    """examples/scan_archive.py on two local workers prints exactly the lines
+    of one `tarn info --json` over the same files."""
+    if not a.corpus:
+        print("corpus not found: skipped")
+        return SKIP
+    python = dask_python()
+    if python is None:
+        print("Dask distributed not importable (Debian python3-dask python3-distributed): skipped")
+        return SKIP
+    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples",
+                          "scan_archive.py")
+    paths = sorted(os.path.join(root, f) for root, _, files in os.walk(a.corpus) for f in files)
+    single = run([a.tarn, "info", "--json", "--"] + paths)
+    # Small batches, so that both workers get several.
+    scan = run([python, script, a.corpus, "--workers", "2", "--batch-size", "8", "--tarn", a.tarn],
+               timeout=300)
+    check(scan.returncode == single.returncode,
+          f"scan exit status {scan.returncode}, tarn info {single.returncode}: "
+          f"{scan.stderr.decode(errors='replace')[-2000:]}")
+    want = sorted(single.stdout.decode().splitlines())
+    got = sorted(scan.stdout.decode().splitlines())
+    check(len(want) == len(paths), f"tarn info printed {len(want)} lines for {len(paths)} files")
+    check(got == want, f"scan printed {len(got)} lines, {len(set(got) ^ set(want))} differ from tarn info")
+    return 0
+
+
 def main():
     p = argparse.ArgumentParser()
     p.add_argument("case")
