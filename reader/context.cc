@@ -315,15 +315,12 @@ bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
 
 tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
   tarnd_meta *meta = &ctx->meta;
-  if (tolerant(ctx)) {
-    // Any order: the slot already holding id, else the next untaken one.
-    uint32_t slot;
-    if (find_taken_slot(ctx, id, &slot)) return &meta->items[slot];
-    if (ctx->item_slots_taken >= meta->item_cnt) {
-      TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found", parser,
-                static_cast<int>(id));
-      return nullptr;
-    }
+  // Any order: the slot already holding id, else the next untaken one. With
+  // every slot taken (an id 0 takes one, yet reads as untaken), the slot is
+  // chosen as strict reading chooses it.
+  uint32_t slot;
+  if (tolerant(ctx) && find_taken_slot(ctx, id, &slot)) return &meta->items[slot];
+  if (tolerant(ctx) && ctx->item_slots_taken < meta->item_cnt) {
     slot = ctx->item_slots_taken;
     meta->items[slot].item_id = static_cast<uint16_t>(id);
     if (!note_taken_slot(ctx, id, slot)) {
@@ -338,7 +335,6 @@ tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
     item->item_id = static_cast<uint16_t>(id);
     return item;
   }
-  uint32_t slot;
   if (tarnd_find_itemIndex(meta->items, meta->item_cnt, id, &slot) != 0) {
     TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found", parser,
               static_cast<int>(id));
