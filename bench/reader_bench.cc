@@ -16,7 +16,8 @@ namespace {
 
 // What a gallery scan asks of each file, from memory or (path given) from
 // disk. Returns false when the file does not open or has no primary image.
-bool open_info_exif(const Bytes &file, size_t *exif_size, const char *path = nullptr) {
+bool open_info_exif(const Bytes &file, size_t *exif_size, const char *path = nullptr,
+                    uint32_t mode = TARND_READ_STRICT) {
   tarnd_io_dsc io;
   if (path != nullptr) {
     tarnd_io_init_file(&io, path);
@@ -24,7 +25,7 @@ bool open_info_exif(const Bytes &file, size_t *exif_size, const char *path = nul
     tarnd_io_init_memory(&io, file.data(), file.size());
   }
   tarnd_file_info file_info;
-  void *ctx = tarnd_create(&io, 0, &file_info, nullptr);
+  void *ctx = tarnd_create_with_flags(&io, mode, &file_info, nullptr);
   if (ctx == nullptr) return false;
   uint32_t primary = 0;
   tarnd_image_info info = {};
@@ -43,6 +44,98 @@ void open_case(benchmark::State &state, const std::string &name) {
   run_open_case(
       state, name, [](const Bytes &file, size_t *exif_size) { return open_info_exif(file, exif_size); },
       "libtarn refuses the file");
+}
+
+void open_tolerant_case(benchmark::State &state, const std::string &name) {
+  run_open_case(
+      state, name,
+      [](const Bytes &file, size_t *exif_size) {
+        return open_info_exif(file, exif_size, nullptr, TARND_READ_TOLERANT);
+      },
+      "libtarn refuses the file in tolerant mode");
+}
+
+void put16(Bytes *b, uint32_t v) {
+  b->push_back(uint8_t(v >> 8));
+  b->push_back(uint8_t(v));
+}
+void put32(Bytes *b, uint32_t v) {
+  put16(b, v >> 16);
+  put16(b, v);
+}
+// A box around body: size, type, and for a full box version 0 and flags.
+Bytes boxed(const char *type, const Bytes &body, bool full = false, uint32_t flags = 0) {
+  Bytes b;
+  put32(&b, uint32_t(body.size() + 8 + (full ? 4 : 0)));
+  b.insert(b.end(), type, type + 4);
+  if (full) put32(&b, flags);
+  b.insert(b.end(), body.begin(), body.end());
+  return b;
+}
+// count hvc1 items whose iinf, iloc and ipma entries all run from the
+// highest id down, with one shared ispe: the lookups of tolerant reading at
+// the scale of a burst or a large collection.
+Bytes reversed_items_file(uint32_t count) {
+  Bytes infes, iloc, ipma;
+  put16(&infes, count);
+  iloc = {0x44, 0x00};
+  put16(&iloc, count);
+  put32(&ipma, count);
+  for (uint32_t id = count; id >= 1; --id) {
+    Bytes infe;
+    put16(&infe, id);
+    put16(&infe, 0);
+    infe.insert(infe.end(), {'h', 'v', 'c', '1', 0});
+    const Bytes box = boxed("infe", infe, true, 1);
+    infes.insert(infes.end(), box.begin(), box.end());
+    put16(&iloc, id);
+    put16(&iloc, 0);
+    put16(&iloc, 1);
+    put32(&iloc, 0);
+    put32(&iloc, 0);
+    put16(&ipma, id);
+    ipma.insert(ipma.end(), {1, 0x81});
+  }
+  Bytes ispe;
+  put32(&ispe, 64);
+  put32(&ispe, 64);
+  Bytes pitm;
+  put16(&pitm, 1);
+  Bytes meta = {0, 0, 0, 0};
+  for (const Bytes &child : {boxed("hdlr", Bytes(21, 0), true), boxed("pitm", pitm, true),
+                             boxed("iinf", infes, true), boxed("iloc", iloc, true),
+                             boxed("iprp", [&] {
+                               Bytes iprp = boxed("ipco", boxed("ispe", ispe, true));
+                               const Bytes a = boxed("ipma", ipma, true);
+                               iprp.insert(iprp.end(), a.begin(), a.end());
+                               return iprp;
+                             }())}) {
+    meta.insert(meta.end(), child.begin(), child.end());
+  }
+  Bytes file = boxed("ftyp", {'h', 'e', 'i', 'c', 0, 0, 0, 0, 'm', 'i', 'f', '1'});
+  const Bytes m = boxed("meta", meta);
+  file.insert(file.end(), m.begin(), m.end());
+  return file;
+}
+
+// Open and close of a file whose items are all in reverse order.
+void open_reversed_case(benchmark::State &state, uint32_t mode) {
+  const Bytes file = reversed_items_file(10000);
+  auto open_close = [&] {
+    tarnd_io_dsc io;
+    tarnd_io_init_memory(&io, file.data(), file.size());
+    tarnd_file_info file_info;
+    void *ctx = tarnd_create_with_flags(&io, mode, &file_info, nullptr);
+    uint32_t slot = 0;
+    const bool found = ctx != nullptr &&
+                       tarnd_find_itemIndex(static_cast<tarnd_ctx *>(ctx)->meta.items,
+                                            static_cast<tarnd_ctx *>(ctx)->meta.item_cnt, 1, &slot) == 0;
+    tarnd_delete(ctx);
+    return found;
+  };
+  if (!open_close()) return state.SkipWithError("libtarn refuses the file in this mode");
+  count_heap(state, open_close);
+  for (auto _ : state) open_close();
 }
 
 // The same from the file on disk (in the page cache after the first run):
@@ -153,7 +246,13 @@ const bool kRegistered = [] {
   for (const std::string &name : names) {
     benchmark::RegisterBenchmark(("open/tarn/" + name).c_str(), open_case, name)
         ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark(("open/tarn-tolerant/" + name).c_str(), open_tolerant_case, name)
+        ->Unit(benchmark::kMicrosecond);
   }
+  benchmark::RegisterBenchmark("open-reversed/tarn/10000-items", open_reversed_case, TARND_READ_STRICT)
+      ->Unit(benchmark::kMicrosecond);
+  benchmark::RegisterBenchmark("open-reversed/tarn-tolerant/10000-items", open_reversed_case, TARND_READ_TOLERANT)
+      ->Unit(benchmark::kMicrosecond);
   for (const std::string &name : corpus_files()) {
     benchmark::RegisterBenchmark(("open-file/tarn/" + name).c_str(), open_file_case, name)
         ->Unit(benchmark::kMicrosecond);

@@ -126,6 +126,10 @@ void mark_stereo_pairs(tarnd_ctx *ctx) {
 // most distinct ids) is the largest table ever needed.
 constexpr uint32_t kMaxSlotTable = 1u << 17;
 constexpr uint32_t kMinSlotTable = 16;
+// Up to this many items a scan of the taken slots is cheaper than building
+// the table (and costs no allocation, so small files open as fast as in
+// strict mode).
+constexpr uint32_t kScanItems = 64;
 
 uint32_t slot_hash(uint32_t id, uint32_t mask) { return ((id * 0x9E3779B1u) >> 15) & mask; }
 
@@ -138,7 +142,6 @@ bool create_slot_index(tarnd_ctx *ctx) {
     return false;
   }
   ctx->item_slot_mask = entries - 1;
-  ctx->item_slots_taken = 0;
   return true;
 }
 
@@ -148,12 +151,80 @@ void insert_slot(tarnd_ctx *ctx, uint32_t id, uint32_t slot) {
   ctx->item_slots[h] = slot + 1;
 }
 
+// The slot an id took during a tolerant walk. While the ids came in
+// increasing order (most files) the taken slots are sorted and a binary
+// search finds it; after that, the id table does, or a scan of the taken
+// slots when there are few.
+bool find_taken_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
+  const tarnd_item *items = ctx->meta.items;
+  const uint32_t taken = ctx->item_slots_taken;
+  if (!ctx->item_slots_unordered) {
+    if (taken == 0 || id > items[taken - 1].item_id) return false;
+    // Ids numbered from the first slot's id, as most files number them.
+    const uint32_t d = id - items[0].item_id;
+    if (id >= items[0].item_id && d < taken && items[d].item_id == id) {
+      *slot = d;
+      return true;
+    }
+    uint32_t lo = 0, hi = taken;
+    while (lo < hi) {
+      const uint32_t mid = lo + (hi - lo) / 2;
+      if (items[mid].item_id < id) {
+        lo = mid + 1;
+      } else {
+        hi = mid;
+      }
+    }
+    if (lo < taken && items[lo].item_id == id) {
+      *slot = lo;
+      return true;
+    }
+    return false;
+  }
+  if (ctx->item_slots == nullptr) {
+    for (uint32_t i = 0; i < taken; ++i) {
+      if (items[i].item_id == id) {
+        *slot = i;
+        return true;
+      }
+    }
+    return false;
+  }
+  for (uint32_t h = slot_hash(id, ctx->item_slot_mask);; h = (h + 1) & ctx->item_slot_mask) {
+    const uint32_t entry = ctx->item_slots[h];
+    if (entry == 0) return false;
+    if (items[entry - 1].item_id == id) {
+      *slot = entry - 1;
+      return true;
+    }
+  }
+}
+
+// Records that slot took id. The first id below its predecessor ends the
+// sorted run; larger tables then get the id table, filled with every slot
+// taken so far.
+bool note_taken_slot(tarnd_ctx *ctx, uint32_t id, uint32_t slot) {
+  const tarnd_item *items = ctx->meta.items;
+  if (!ctx->item_slots_unordered) {
+    if (slot == 0 || id > items[slot - 1].item_id) return true;
+    ctx->item_slots_unordered = 1;
+    if (ctx->meta.item_cnt <= kScanItems) return true;
+    if (!create_slot_index(ctx)) return false;
+    for (uint32_t i = 0; i <= slot; ++i) insert_slot(ctx, items[i].item_id, i);
+    return true;
+  }
+  if (ctx->item_slots != nullptr) insert_slot(ctx, id, slot);
+  return true;
+}
+
 // Tolerant reading leaves the items in the order the file first named them.
 // Once the walk is over they are put in id order, so that every later
 // lookup (the binding below, the queries, tarnd_find_itemIndex in callers)
 // finds every id. Untaken slots go last. Files already in order cost one
 // pass; files in reverse order one reversal.
-void order_items_by_id(tarnd_meta *meta) {
+void order_items_by_id(tarnd_ctx *ctx) {
+  if (!ctx->item_slots_unordered) return;
+  tarnd_meta *meta = &ctx->meta;
   tarnd_item *items = meta->items;
   const uint32_t n = meta->item_cnt;
   if (items == nullptr || n < 2) return;
@@ -223,9 +294,6 @@ bool create_item_tables(tarnd_ctx *ctx) {
       return false;
     }
     meta->last_item_id = -1;
-    if (ctx->read_flags & TARND_READ_TOLERANT) {
-      if (!create_slot_index(ctx)) return false;
-    }
   }
   if (ctx->displayable_ids == nullptr) {
     ctx->displayable_ids = static_cast<uint32_t *>(calloc(meta->item_cnt, sizeof(uint32_t)));
@@ -239,15 +307,7 @@ bool create_item_tables(tarnd_ctx *ctx) {
 
 bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
   const tarnd_meta *meta = &ctx->meta;
-  if (ctx->item_slots == nullptr) return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
-  for (uint32_t h = slot_hash(id, ctx->item_slot_mask);; h = (h + 1) & ctx->item_slot_mask) {
-    const uint32_t entry = ctx->item_slots[h];
-    if (entry == 0) break;
-    if (meta->items[entry - 1].item_id == id) {
-      *slot = entry - 1;
-      return true;
-    }
-  }
+  if (tolerant(ctx) && meta->items != nullptr && find_taken_slot(ctx, id, slot)) return true;
   // Ids the table never took (0, the id of untaken slots) are looked up as
   // strict reading looks them up.
   return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
@@ -255,22 +315,19 @@ bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
 
 tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
   tarnd_meta *meta = &ctx->meta;
-  if (ctx->item_slots != nullptr) {
-    // Any order: the slot already holding id, else the next untaken one.
-    uint32_t slot;
-    for (uint32_t h = slot_hash(id, ctx->item_slot_mask);; h = (h + 1) & ctx->item_slot_mask) {
-      const uint32_t entry = ctx->item_slots[h];
-      if (entry == 0) break;
-      if (meta->items[entry - 1].item_id == id) return &meta->items[entry - 1];
-    }
-    if (ctx->item_slots_taken >= meta->item_cnt) {
-      TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found", parser,
-                static_cast<int>(id));
+  // Any order: the slot already holding id, else the next untaken one. With
+  // every slot taken (an id 0 takes one, yet reads as untaken), the slot is
+  // chosen as strict reading chooses it.
+  uint32_t slot;
+  if (tolerant(ctx) && find_taken_slot(ctx, id, &slot)) return &meta->items[slot];
+  if (tolerant(ctx) && ctx->item_slots_taken < meta->item_cnt) {
+    slot = ctx->item_slots_taken;
+    meta->items[slot].item_id = static_cast<uint16_t>(id);
+    if (!note_taken_slot(ctx, id, slot)) {
+      meta->items[slot].item_id = 0;
       return nullptr;
     }
-    slot = ctx->item_slots_taken++;
-    insert_slot(ctx, id, slot);
-    meta->items[slot].item_id = static_cast<uint16_t>(id);
+    ++ctx->item_slots_taken;
     return &meta->items[slot];
   }
   tarnd_item *item = &meta->items[meta->infe_index];
@@ -278,7 +335,6 @@ tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
     item->item_id = static_cast<uint16_t>(id);
     return item;
   }
-  uint32_t slot;
   if (tarnd_find_itemIndex(meta->items, meta->item_cnt, id, &slot) != 0) {
     TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found", parser,
               static_cast<int>(id));
@@ -386,8 +442,8 @@ void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags, tarnd_file
     return nullptr;
   }
 
-  if (ctx->item_slots != nullptr) {
-    order_items_by_id(&ctx->meta);
+  if (tolerant(ctx)) {
+    order_items_by_id(ctx);
     free(ctx->item_slots);
     ctx->item_slots = nullptr;
   }

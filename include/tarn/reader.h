@@ -221,12 +221,15 @@ typedef struct tarnd_ctx {
   uint8_t iref_version;
   /* TARND_READ_* mode the file was opened with. */
   uint32_t read_flags;
-  /* Tolerant reading, during the walk only: an open-addressed table from
-   * item id to slot (item_slot_mask + 1 entries, 0 for free, else the
-   * slot plus 1) and the number of slots taken. */
+  /* Tolerant reading, during the walk only: the number of item slots
+   * taken, in the order the file first named their ids; whether an id came
+   * below its predecessor; and then, for larger item tables, an
+   * open-addressed table from item id to slot (item_slot_mask + 1 entries,
+   * 0 for free, else the slot plus 1). */
+  uint32_t item_slots_taken;
+  uint8_t item_slots_unordered;
   uint32_t *item_slots;
   uint32_t item_slot_mask;
-  uint32_t item_slots_taken;
 } tarnd_ctx;
 
 /*
@@ -246,10 +249,25 @@ TARN_API void *tarnd_create(const tarnd_io_dsc *io, uint32_t reserved,
 #define TARND_READ_TOLERANT 1u /* also opens what phones and encoders write */
 
 /*
- * tarnd_create with a reading mode: TARND_READ_STRICT behaves exactly as
- * tarnd_create; TARND_READ_TOLERANT also accepts valid files that the
- * strict rules refuse (see the README). Unknown flag bits are refused with
- * -1 in *err. Status codes and ownership are those of tarnd_create.
+ * tarnd_create with a reading mode. TARND_READ_STRICT behaves exactly as
+ * tarnd_create: the library's written rules, to the letter.
+ * TARND_READ_TOLERANT reads every file strict reading reads, the same way,
+ * and also accepts valid files those rules refuse:
+ *  - items in any order in iloc, iinf, iref and ipma, ids not increasing
+ *    (after the open, meta.items is in id order);
+ *  - a colr with an empty or too short ICC profile: the slot keeps no
+ *    profile (icc_size 0), a WARN line is logged, the walk goes on;
+ *  - the auxiliary type "urn:com:apple:photo:2020:aux:hdrgainmap"
+ *    (TARND_ITEM_AUX_GAINMAP; TARND_ID_GAINMAP answers that auxiliary of
+ *    the base image when no tmap item does) and the MPEG-B alpha and depth
+ *    types "urn:mpeg:mpegB:cicp:systems:auxiliary:alpha" / ":depth";
+ *  - items in several extents (construction methods 0 and 1), served as
+ *    the concatenation of their extents, each bounds-checked on its own;
+ *  - an iovl or jpeg primary item, answered by TARND_ID_PRIMARY as pitm
+ *    names it; an iovl is described by its own ispe, irot, colr and clap.
+ * Damaged files are as safe as in strict mode. Unknown flag bits are
+ * refused with -1 in *err. Status codes and ownership are those of
+ * tarnd_create.
  */
 TARN_API void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags,
                                        tarnd_file_info *file_info, int32_t *err);

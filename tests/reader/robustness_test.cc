@@ -1,5 +1,6 @@
-// Real files cut short, every allocation of an open failing in turn, and the
-// two input sources at their ends and against each other.
+// Real files cut short, every allocation of an open failing in turn (both
+// reading modes), and the two input sources at their ends and against each
+// other.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -55,12 +56,14 @@ TEST(Robustness, TruncatedRealFilesOpenOrFailCleanly) {
       SCOPED_TRACE(std::string(name) + " cut at " + std::to_string(n));
       // Each prefix in its own exact-size block, so ASan sees any overread.
       const std::vector<uint8_t> prefix(whole.begin(), whole.begin() + long(n));
-      int32_t err = 1;
-      CtxPtr ctx = open_memory(prefix, &err);
-      ASSERT_TRUE(err == 0 || err == -2) << err;
-      ASSERT_EQ(ctx != nullptr, err == 0);
-      ASSERT_TRUE(ctx != nullptr || n < dense_end);  // a whole meta keeps the model
-      if (ctx != nullptr) query_all(ctx.get());
+      for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+        int32_t err = 1;
+        CtxPtr ctx = open_memory(prefix, &err, mode);
+        ASSERT_TRUE(err == 0 || err == -2) << err;
+        ASSERT_EQ(ctx != nullptr, err == 0);
+        ASSERT_TRUE(ctx != nullptr || n < dense_end);  // a whole meta keeps the model
+        if (ctx != nullptr) query_all(ctx.get());
+      }
     }
   }
 }
@@ -75,23 +78,38 @@ TEST(Robustness, EveryAllocationOfAnOpenFailsCleanly) {
     ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &bytes)) << name;
     tarnd_io_dsc io;
     tarnd_io_init_memory(&io, bytes.data(), bytes.size());
-    for (long fail_at = 0;; ++fail_at) {
-      SCOPED_TRACE(std::string(name) + " failing allocation " + std::to_string(fail_at));
+    for (long fail_at = 0, mode = TARND_READ_STRICT; mode <= TARND_READ_TOLERANT; ++fail_at) {
+      SCOPED_TRACE(std::string(name) + " failing allocation " + std::to_string(fail_at) + " mode " +
+                   std::to_string(mode));
       int32_t err = 1;
       g_count = g_live = 0;
       g_fail_at = fail_at;
       g_armed = true;
-      const bool opened = open_io(io, &err) != nullptr;  // and deleted at once
+      const bool opened = open_io(io, &err, uint32_t(mode)) != nullptr;  // and deleted at once
       const bool reached = g_count > fail_at;
       g_armed = false;
       EXPECT_EQ(g_live, 0);
       EXPECT_EQ(opened, err == 0);
       EXPECT_TRUE(err == 0 || err == -2 || err == -5 || err == -6) << err;
-      if (!reached) {  // every allocation succeeded
+      if (!reached) {  // every allocation succeeded: the other mode
         EXPECT_EQ(err, 0);
-        break;
+        fail_at = -1;
+        ++mode;
       }
     }
+  }
+  // A 48-tile phone photo opens in either mode with a handful of
+  // allocations, none sized per tile.
+  std::vector<uint8_t> photo;
+  ASSERT_TRUE(read_file(corpus_dir() + "/phones/iphone8plus_grid_thumb_exif.heic", &photo));
+  for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+    g_count = g_live = 0;
+    g_fail_at = -1;
+    g_armed = true;
+    int32_t err = 1;
+    EXPECT_NE(open_memory(photo, &err, mode), nullptr);
+    g_armed = false;
+    EXPECT_LT(g_count, 20) << "mode " << mode;
   }
 #endif
 }
