@@ -94,7 +94,11 @@ int32_t parser_colr(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     return -1;
   }
   uint8_t colour_type[4] = {0, 0, 0, 0};
-  if (!unusable && !read_bytes(io, handle, colour_type, sizeof(colour_type))) return -1;
+  const bool typed = box->payload_size >= kColrTypeSize && box->payload_size < kMaxColrPayload;
+  if (typed && !read_bytes(io, handle, colour_type, sizeof(colour_type))) return -1;
+  // Tolerant reading keeps the colour type, so that a profile kept without
+  // its bytes is not taken for nclx.
+  if (tolerant(ctx)) slot->payload.colr.unused = TARND_FCC(colour_type[0], colour_type[1], colour_type[2], colour_type[3]);
   const bool icc = memcmp(colour_type, "rICC", 4) == 0 || memcmp(colour_type, "prof", 4) == 0;
   // Edited phone photos carry colr boxes with an empty profile: tolerant
   // reading keeps the slot with no profile, as for nclx, and reads on.

@@ -160,7 +160,8 @@ void print_text(const std::string &path, const HeifFile &file, const std::vector
     } else if (!r.entry.inputs.empty()) {
       std::printf("             inputs %s\n", json_list(r.entry.inputs).c_str());
     }
-    if (r.colour == "icc") std::printf("             colour ICC profile, %u bytes\n", r.icc_size);
+    if (r.colour == "icc" && r.icc_size == 0) std::printf("             colour ICC profile, empty\n");
+    else if (r.colour == "icc") std::printf("             colour ICC profile, %u bytes\n", r.icc_size);
     if (r.colour == "nclx") std::printf("             colour nclx\n");
     if (r.has_exif) std::printf("             Exif %u bytes\n", r.exif_size);
     if (r.has_xmp) std::printf("             XMP %u bytes\n", r.xmp_size);

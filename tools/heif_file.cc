@@ -177,6 +177,9 @@ std::vector<ImageEntry> HeifFile::images() const {
   return out;
 }
 
+constexpr uint32_t kProf = TARND_FCC('p', 'r', 'o', 'f');
+constexpr uint32_t kRicc = TARND_FCC('r', 'I', 'C', 'C');
+
 std::string HeifFile::colour(uint32_t id, uint32_t *icc_size) const {
   const tarnd_ctx *ctx = model();
   *icc_size = 0;
@@ -188,8 +191,10 @@ std::string HeifFile::colour(uint32_t id, uint32_t *icc_size) const {
     const tarnd_property &p = ctx->meta.properties[as.property_index];
     if (p.type != kColr) continue;
     // The reader keeps ICC profiles; any other colour type (in practice
-    // nclx) is bound without its values.
-    if (p.payload.colr.icc_size > 0) {
+    // nclx) is bound without its values. Tolerant reading also names the
+    // type, so an empty profile still reads as a profile.
+    const uint32_t type = p.payload.colr.unused;
+    if (p.payload.colr.icc_size > 0 || type == kProf || type == kRicc) {
       *icc_size = p.payload.colr.icc_size;
       result = "icc";
     } else {

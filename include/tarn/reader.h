@@ -148,7 +148,7 @@ typedef struct tarnd_property {
       uint32_t angle; /* 0 to 3, anticlockwise quarter turns */
     } irot;
     struct {
-      uint32_t unused;
+      uint32_t unused; /* tolerant reading: the colour type ("nclx", "prof", ...) */
       uint32_t icc_size;
       uint8_t *icc_data;
     } colr;

@@ -415,8 +415,10 @@ def edit_signature(tarn, path):
     keys = ("type", "roles", "width", "height", "rotation", "colour", "exif_size", "xmp_size")
     images = []
     for i in info["images"]:
-        if i["type"] == "grid":
-            i["colour"] = None  # a grid takes its tiles' colour when it has none of its own
+        if i["type"] == "grid" or i["colour"] == {"type": "icc", "icc_size": 0}:
+            # A grid takes its tiles' colour when it has none of its own; an
+            # empty profile is left out.
+            i["colour"] = None
         grid = i["grid"] and {k: v for k, v in i["grid"].items() if k != "tiles"}
         images.append(json.dumps([i[k] for k in keys] + [grid, len(i["inputs"])], sort_keys=True))
     return sorted(images), info
