@@ -205,6 +205,12 @@ class Edit {
     const Image *im = planned(old_id);
     return im ? im->new_id : 0;
   }
+  bool hidden(uint32_t id) const {
+    for (uint32_t d = 0; d < ctx_->displayable_cnt; ++d) {
+      if (ctx_->displayable_ids[d] == id) return false;
+    }
+    return true;
+  }
   // The ipco boxes associated with an item.
   std::vector<const PropertyBox *> properties_of(uint32_t id) const {
     std::vector<const PropertyBox *> out;
@@ -378,13 +384,17 @@ int32_t Edit::plan() {
   images_.push_back(main);
   if (int32_t rc = check_image(images_.back())) return rc;
 
-  // The rest in item order. A thumbnail or auxiliary image whose master is
-  // not written goes with it; an image that cannot be expressed and that
-  // nothing depends on is left out only when the options allow.
-  for (uint32_t i = 0; i < ctx_->meta.item_cnt; ++i) {
-    const tarnd_item &it = ctx_->meta.items[i];
+  // The rest in item order, images that belong to another one after all the
+  // others so that their master is known whatever the ids. A thumbnail or
+  // auxiliary image whose master is not written goes with it; an image that
+  // cannot be expressed and that nothing depends on is left out only when
+  // the options allow.
+  for (uint32_t slot = 0; slot < 2 * ctx_->meta.item_cnt; ++slot) {
+    const tarnd_item &it = ctx_->meta.items[slot % ctx_->meta.item_cnt];
+    uint16_t refs = 0;
+    const bool belongs = first_ref(it, kThmb, &refs) != nullptr || first_ref(it, kAuxl, &refs) != nullptr;
     if (it.item_id == 0 || it.item_id == primary || it.item_type == kExif || it.item_type == kMime ||
-        is_input(it.item_id))
+        is_input(it.item_id) || belongs != (slot >= ctx_->meta.item_cnt))
       continue;
     Image im;
     im.item = &it;
@@ -436,12 +446,34 @@ int32_t Edit::plan() {
     const std::string before = message_;
     const int32_t rc = check_image(images_.back());
     if (rc == TARN_EDIT_REFUSED && set(TARN_EDIT_DROP_UNSUPPORTED)) {
-      dropped(format("%s (%s)", kind.c_str(), message_.c_str()));
+      dropped(describe_item(it));
       message_ = before;
       images_.pop_back();
       continue;
     }
+    if (rc == TARN_EDIT_REFUSED) {
+      message_ += im.img_type == IMG_TYPE_THUMBNAIL ? "; --drop-thumbnails or --drop-unsupported leaves it out"
+                                                    : "; --drop-unsupported leaves it out";
+    }
     if (rc != 0) return rc;
+  }
+
+  // A hidden gain map that only a tone map uses stays hidden as the
+  // primary's gain-map auxiliary: the writer shows plain images.
+  for (const Image &tm : images_) {
+    Image *gain = tm.img_type == IMG_TYPE_TMAP ? planned(tm.ref_old) : nullptr;
+    if (gain != nullptr && gain->img_type == IMG_TYPE_OTHER && hidden(gain->item->item_id)) {
+      gain->img_type = IMG_TYPE_AUX, gain->aux_type = 3, gain->ref_old = primary;
+    }
+  }
+  for (size_t i = 0; i < images_.size(); ++i) {
+    const Image &im = images_[i];
+    if (im.img_type != IMG_TYPE_OTHER || !hidden(im.item->item_id)) continue;
+    if (!set(TARN_EDIT_DROP_UNSUPPORTED))
+      return fail(TARN_EDIT_REFUSED, format("image %u is hidden and nothing refers to it; the writer would show it. "
+                                            "--drop-unsupported leaves it out", im.item->item_id));
+    dropped(format("hidden image %u", im.item->item_id));
+    images_.erase(images_.begin() + long(i--));
   }
 
   // Tone maps need their gain map written; a dropped gain map takes them along.
@@ -462,7 +494,8 @@ int32_t Edit::plan() {
     if (left == nullptr || planned(grp.entityIDList[1]) == nullptr) continue;
     if (left->img_type != IMG_TYPE_MAIN && left->img_type != IMG_TYPE_OTHER && left->img_type != IMG_TYPE_STEREO)
       return fail(TARN_EDIT_REFUSED, format("the left view of a stereo pair (item %u) plays another role too, "
-                                            "which the writer cannot express", grp.entityIDList[0]));
+                                            "which the writer cannot express; dropping its kind (for example "
+                                            "--drop-thumbnails) leaves the pair out", grp.entityIDList[0]));
     if (left->img_type == IMG_TYPE_STEREO)
       return fail(TARN_EDIT_REFUSED, format("item %u is the left view of two stereo pairs, which the writer cannot "
                                             "express", grp.entityIDList[0]));

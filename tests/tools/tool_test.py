@@ -526,6 +526,7 @@ def case_edit(a):
         (["--drop-thumbnails"], iphone, lambda o: [i["roles"] for i in json.loads(run(
             [a.tarn, "info", "--json", o]).stdout)["images"]] == [["primary"]]),
         (["--rotate", "180"], iphone, lambda o: primary(o)["rotation"] == 180),
+        (["--strip-gps"], iphone, lambda o: meta(o, "exif") == meta(iphone, "exif")),  # no GPS: Exif unchanged
     ]
     if which("exiftool"):
         table.append((["--strip-gps"], with_gps, lambda o: tags(o) == [t for t in tags(with_gps) if not t.startswith("GPS ")]
