@@ -1,6 +1,8 @@
-// The writer under failure: every allocation of a full round trip failing in
-// turn, output callbacks that fail half-way, and caller buffers that are too
-// small. Nothing may leak, crash, write outside a buffer or lose the file.
+// The writer and the reader under failure: every allocation of a file with
+// every kind of item and property failing in turn (written, then read back
+// through every query), output callbacks that fail half-way, and caller
+// buffers that are too small. Nothing may leak, crash, write outside a buffer
+// or lose the file; a failure that is absorbed must not change the result.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,6 +10,8 @@
 
 #include "support/alloc_hook.h"
 #include "support/files.h"
+#include "tarn/io.h"
+#include "tarn/reader.h"
 #include "tarn/writer.h"
 
 namespace tarn_test {
@@ -65,10 +69,21 @@ const Inputs &inputs() {
   return in;
 }
 
-// A 2x2 grid (item 5 over tiles 1-4) with Exif and XMP and a thumbnail
-// (item 6), written into the heap or into the caller's buffer. Returns the
-// first failing status; the context, if any, is left in *out. Allocates
-// nothing itself, so that every allocation counted is the library's.
+// The 132-byte header of an ICC display profile.
+const uint8_t *icc() {
+  static uint8_t b[132] = {0, 0, 0, 132, 0, 0, 0, 0, 0x02, 0x10, 0, 0, 'm', 'n', 't', 'r', 'R', 'G', 'B', ' ',
+                           'X', 'Y', 'Z', ' '};
+  return b;
+}
+const uint8_t kNclx[7] = {1, 0, 13, 0, 6, 0, 1};
+const uint8_t kDepths[3] = {8, 8, 8};
+const uint8_t kTonemap[20] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19};
+
+// A 2x2 grid (item 5 over tiles 1-4, rotated, with ICC, pixi, clli, Exif and
+// XMP), a thumbnail with nclx (6), an alpha plane (7) and a tone map (8),
+// written into the heap or into the caller's buffer. Returns the first
+// failing status; the context, if any, is left in *out. Allocates nothing
+// itself, so that every allocation counted is the library's.
 int32_t write_file(tarnm_ctx **out, uint8_t *delivered = nullptr, int32_t delivered_size = 0) {
   const Inputs &in = inputs();
   tarnm_init_dsc dsc{};
@@ -79,7 +94,11 @@ int32_t write_file(tarnm_ctx **out, uint8_t *delivered = nullptr, int32_t delive
     return rc;
   tarnm_image_info grid{};
   grid.width = grid.height = 256;
+  grid.rotation = 90;
   grid.param_sets = in.tiles[0].sets();
+  grid.color_type = 3, grid.color_data = icc(), grid.color_size = 132;
+  grid.bit_depth = kDepths, grid.bit_depth_info_count = 3;
+  grid.max_cll = 1000, grid.max_pall = 400;
   grid.exif_data = in.exif.data(), grid.exif_size = uint32_t(in.exif.size());
   grid.xmp_data = reinterpret_cast<const uint8_t *>(in.xmp.data()), grid.xmp_size = uint32_t(in.xmp.size());
   const tarnm_grid_info layout{512, 512, 2, 2, 1, 4, 5, 0};
@@ -87,13 +106,25 @@ int32_t write_file(tarnm_ctx **out, uint8_t *delivered = nullptr, int32_t delive
   thumb.img_type = IMG_TYPE_THUMBNAIL;
   thumb.width = thumb.height = 128;
   thumb.param_sets = in.thumb.sets();
+  thumb.color_type = 1, thumb.color_data = kNclx, thumb.color_size = 7;
+  tarnm_image_info alpha = thumb;
+  alpha.img_type = IMG_TYPE_AUX, alpha.aux_type = 1;
+  alpha.color_type = 0, alpha.color_data = nullptr, alpha.color_size = 0;
+  tarnm_image_info tmap{};
+  tmap.img_type = IMG_TYPE_TMAP;
+  tmap.width = tmap.height = 512;
+  tmap.tmap_data = kTonemap, tmap.tmap_size = sizeof kTonemap;
   if ((rc = tarnm_set_image_info(*out, 5, 0, &grid, &layout)) != 0) return rc;
   if ((rc = tarnm_set_image_info(*out, 6, 5, &thumb, nullptr)) != 0) return rc;
+  if ((rc = tarnm_set_image_info(*out, 7, 5, &alpha, nullptr)) != 0) return rc;
+  if ((rc = tarnm_set_image_info(*out, 8, 5, &tmap, nullptr)) != 0) return rc;
   for (uint32_t t = 0; t < 4; ++t) {
     const Bytes &f = in.tiles[t].frame;
     if ((rc = tarnm_put_frm(*out, t + 1, f.data(), uint32_t(f.size()))) != 0) return rc;
   }
-  if ((rc = tarnm_put_frm(*out, 6, in.thumb.frame.data(), uint32_t(in.thumb.frame.size()))) != 0) return rc;
+  for (uint32_t id : {6u, 7u}) {
+    if ((rc = tarnm_put_frm(*out, id, in.thumb.frame.data(), uint32_t(in.thumb.frame.size()))) != 0) return rc;
+  }
   if ((rc = tarnm_set_cover_image(*out, 5)) != 0) return rc;
   return tarnm_stop_muxing(*out);
 }
@@ -107,6 +138,57 @@ Bytes reference_file() {
   }
   tarnm_delete(w);
   return file;
+}
+
+// Every answer the reader gives about a file: the status of each query and a
+// digest of what it wrote. Filled without allocating.
+struct Answers {
+  int32_t create = 1;
+  long open_allocations = 0;
+  int32_t status[96];
+  uint64_t digest[96];
+  int n = 0;
+};
+void note(Answers *a, int32_t status, const void *p, size_t size, uint64_t h = 1469598103934665603ull) {
+  for (size_t i = 0; i < size; ++i) h = (h ^ static_cast<const uint8_t *>(p)[i]) * 1099511628211ull;
+  a->status[a->n] = status;
+  a->digest[a->n++] = h;
+}
+uint8_t g_frame[1 << 20];
+
+void read_file(const Bytes &file, Answers *a) {
+  tarnd_io_dsc io;
+  tarnd_io_init_memory(&io, file.data(), file.size());
+  tarnd_file_info fi;
+  void *h = tarnd_create(&io, 0, &fi, &a->create);
+#if defined(TARN_TEST_ALLOC_HOOK)
+  a->open_allocations = g_count;
+#endif
+  if (h == nullptr) return;
+  for (uint32_t role = TARND_ID_PRIMARY; role <= TARND_ID_STEREO_RIGHT; ++role) {
+    uint32_t id = 0;
+    note(a, tarnd_get_image_id(h, role, TARND_ID_REF_PRIMARY, &id), &id, sizeof id);
+  }
+  for (int32_t item = 1; item <= 9; ++item) {
+    tarnd_image_info ii{};
+    int32_t s = tarnd_get_info_image(h, item, &ii);
+    note(a, s, &ii.width, 3 * sizeof(uint32_t), ii.flags ^ ii.tile_cnt ^ uint64_t(ii.codec) << 32);
+    note(a, s, ii.icc_data, ii.icc_size);
+    note(a, s, ii.config_data, ii.config_size);
+    int32_t size = 0;
+    s = tarnd_get_image_frm(h, item, g_frame, sizeof g_frame, &size);
+    note(a, s, g_frame, size_t(size > 0 ? size : 0));
+    tarnd_grid_info g{};
+    note(a, tarnd_get_info_item(h, item, TARND_INFO_GRID, &g), &g, sizeof g);
+    for (uint32_t kind : {TARND_INFO_EXIF, TARND_INFO_XMP, TARND_INFO_TONEMAP}) {
+      tarnd_item_data d{};
+      s = tarnd_get_info_item(h, item, kind, &d);
+      note(a, s, d.data, d.size);
+    }
+    uint32_t refs[8] = {};
+    note(a, tarnd_get_list_referenceto(h, item, refs, 8), refs, sizeof refs);
+  }
+  tarnd_delete(h);
 }
 
 TEST(WriterAllocFailure, EveryAllocationOfARoundTripFailsCleanly) {
@@ -139,6 +221,48 @@ TEST(WriterAllocFailure, EveryAllocationOfARoundTripFailsCleanly) {
   }
   // Create, registration, the element lists and the metadata copies all
   // allocate: a hook that saw few calls is not wired in.
+  EXPECT_GT(fail_at, 10);
+#endif
+}
+
+// Opening and every query of the file above, with each allocation failing in
+// turn. Nothing leaks or crashes; a failure inside the open may cost a box
+// the reader would also skip when malformed (an iref, an idat), but once
+// open, every query answers as without the failure or fails with a negative
+// status where it would have succeeded.
+TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
+#if !defined(TARN_TEST_ALLOC_HOOK)
+  GTEST_SKIP() << "allocator wrapping needs glibc without sanitizers";
+#else
+  ASSERT_TRUE(inputs().ok);
+  const Bytes file = reference_file();
+  ASSERT_FALSE(file.empty());
+  static Answers ref, got;
+  read_file(file, &ref);
+  ASSERT_EQ(ref.create, 0);
+  long fail_at = 0;
+  for (;; ++fail_at) {
+    got = Answers();
+    g_count = 0, g_live = 0, g_fail_at = fail_at, g_armed = true;
+    read_file(file, &got);
+    const bool reached = g_count > fail_at;
+    g_armed = false;
+    SCOPED_TRACE("failing allocation " + std::to_string(fail_at));
+    EXPECT_EQ(g_live, 0);
+    if (got.create != 0) {
+      EXPECT_LT(got.create, 0);
+    } else if (fail_at >= got.open_allocations) {
+      ASSERT_EQ(got.n, ref.n);
+      for (int i = 0; i < ref.n; ++i) {
+        if (got.status[i] == ref.status[i]) {
+          EXPECT_EQ(got.digest[i], ref.digest[i]) << "query " << i;
+        } else {
+          EXPECT_LT(got.status[i], 0) << "query " << i;
+        }
+      }
+    }
+    if (!reached) break;
+  }
   EXPECT_GT(fail_at, 10);
 #endif
 }
