@@ -70,6 +70,10 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
        }, false, "gain map info is NULL. size : 5"},
       {"tone-map grid", [](I *i, G *) { i->img_type = IMG_TYPE_TMAP; }, true,
        "Should not be here. unsupported image type(3)"},
+      {"tiles of 4096 x 3073 pixels", [](I *i, G *g) {
+         i->width = 4096, i->height = 3073;
+         g->output_width = 8192, g->output_height = 6146;
+       }, true, nullptr},
       {"1 x 769 tiles", [](I *, G *g) { g->rows = 1, g->columns = 769, g->last_tile_id = 778; },
        true, nullptr},
       {"tile range short", [](I *, G *g) { g->last_tile_id = 12; }, true,

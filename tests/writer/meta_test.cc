@@ -239,6 +239,22 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        },
        [](tarnm_state *s) { return tarnm_add_element_infe(s, 1, fcc("hvc1"), 1); }, -1,
        "too many items(65535)"},
+      {"hvcC of 2 GiB", nullptr,
+       [](tarnm_state *s) { return tarnm_add_hvcc_property(s, kBytes, 0x80000000u); }, -1, nullptr},
+      // No builder touches a missing state.
+      {"no state", nullptr,
+       [](tarnm_state *) {
+         const uint8_t d[1] = {8};
+         return tarnm_add_element_infe(nullptr, 1, 0, 0) & tarnm_add_element_itemtyperef(nullptr, 1, 0, 1, kIds) &
+                tarnm_add_element_entity_group(nullptr, 1, 2, kIds, 0) & tarnm_add_element_hvcC(nullptr, d, 1) &
+                tarnm_add_element_colr(nullptr) & tarnm_add_element_auxC(nullptr) &
+                tarnm_add_element_ispe(nullptr, 1, 1) & tarnm_add_element_irot(nullptr, 90) &
+                tarnm_add_element_pixi(nullptr, 1, d) & tarnm_add_element_clli(nullptr, 1, 1) &
+                tarnm_add_element_ipma(nullptr, 1, 1, d) & tarnm_add_colr_property(nullptr, d, 1) &
+                tarnm_add_hvcc_property(nullptr, d, 1) & tarnm_add_ispe_property(nullptr, 1, 1) &
+                tarnm_add_irot_property(nullptr, 90) & tarnm_add_pixi_property(nullptr, d, 1);
+       },
+       -1, nullptr},
   };
   for (const auto &c : kCases) {
     SCOPED_TRACE(c.name);
