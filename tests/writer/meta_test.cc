@@ -115,11 +115,12 @@ TEST(BoxTree, EveryChildSizedAndReadsBack) {
     }
     roomy = file;
     // What the reader does not keep: essential bits (pixi the one
-    // non-essential property) and pixi's depths.
+    // non-essential property), pixi's depths and nclx's full-range bit.
     static const Bytes kIpma = {'i', 'p', 'm', 'a', 0, 0, 0, 0, 0, 0, 0, 3, 0, 1, 2, 0x81, 0x82, 0, 2, 2,
                                 0x81, 0x82, 0, 3, 4, 0x83, 0x84, 0x85, 0x06},
-                       kPixi = {'p', 'i', 'x', 'i', 0, 0, 0, 0, 3, 8, 10, 12};
-    for (const Bytes *needle : {&kIpma, &kPixi}) {
+                       kPixi = {'p', 'i', 'x', 'i', 0, 0, 0, 0, 3, 8, 10, 12},
+                       kNclx = {'c', 'o', 'l', 'r', 'n', 'c', 'l', 'x', 0, 1, 0, 13, 0, 6, 0x80};
+    for (const Bytes *needle : {&kIpma, &kPixi, &kNclx}) {
       EXPECT_NE(std::search(file.begin(), file.end(), needle->begin(), needle->end()), file.end());
     }
 
