@@ -13,47 +13,20 @@
 #include "tarn/io.h"
 #include "tarn/reader.h"
 #include "tarn/writer.h"
+#include "writer/writer_support.h"
 
 namespace tarn_test {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-// One x265 picture: bare parameter sets and the slices behind 4-byte start
-// codes, as tarnm_set_image_info and tarnm_put_frm take them.
+// One x265 picture, its frame converted once so that writing allocates
+// nothing in the test itself.
 struct Stream {
-  std::vector<Bytes> vps, sps, pps;
+  HevcStream units;
   Bytes frame;
-  tarnm_param_sets sets() const {
-    tarnm_param_sets p{};
-    p.vps_count = 1, p.vps_size[0] = uint32_t(vps[0].size()), p.vps_data[0] = vps[0].data();
-    p.sps_count = 1, p.sps_size[0] = uint32_t(sps[0].size()), p.sps_data[0] = sps[0].data();
-    p.pps_count = 1, p.pps_size[0] = uint32_t(pps[0].size()), p.pps_data[0] = pps[0].data();
-    return p;
-  }
+  tarnm_param_sets sets() const { return units.param_sets(); }
 };
-
 bool load(const char *name, Stream *s) {
-  Bytes b;
-  if (!read_file(data_path(std::string("hevc/") + name), &b)) return false;
-  std::vector<size_t> starts;  // first byte after each 00 00 01
-  for (size_t i = 0; i + 3 <= b.size(); ++i)
-    if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1) starts.push_back(i += 3);
-  for (size_t k = 0; k < starts.size(); ++k) {
-    size_t end = k + 1 < starts.size() ? starts[k + 1] - 3 : b.size();
-    while (end > starts[k] && b[end - 1] == 0) --end;  // a 4-byte start code's zero
-    if (end == starts[k]) continue;
-    const Bytes nal(b.begin() + long(starts[k]), b.begin() + long(end));
-    const int type = (nal[0] >> 1) & 0x3f;
-    std::vector<Bytes> *sets[] = {&s->vps, &s->sps, &s->pps};
-    if (type >= 32 && type <= 34) {
-      sets[type - 32]->push_back(nal);
-    } else {
-      s->frame.insert(s->frame.end(), {0, 0, 0, 1});
-      s->frame.insert(s->frame.end(), nal.begin(), nal.end());
-    }
-  }
-  return !s->vps.empty() && !s->sps.empty() && !s->pps.empty() && !s->frame.empty();
+  return load_stream(name, &s->units) && !(s->frame = s->units.frame()).empty();
 }
 
 struct Inputs {

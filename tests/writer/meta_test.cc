@@ -154,37 +154,6 @@ TEST(BoxTree, EveryChildSizedAndReadsBack) {
 
 using Build = std::function<int32_t(tarnm_state *)>;
 
-TEST(Builders, SharedProperties) {
-  Writer w;
-  static const uint8_t kA[3] = {1, 2, 3}, kB[3] = {1, 2, 4}, kNclx[7] = {1, 0, 1, 0, 1, 0, 1};
-  w.st->image_info.color_type = 1;
-  w.st->image_info.color_data = kNclx;
-  w.st->image_info.color_size = 7;
-  const struct {
-    Build add;
-    uint8_t index;  // appended to the association set
-  } kSteps[] = {
-      {[](tarnm_state *s) { return tarnm_add_ispe_property(s, 64, 64); }, 1},
-      {[](tarnm_state *s) { return tarnm_add_ispe_property(s, 64, 64); }, 1},
-      {[](tarnm_state *s) { return tarnm_add_hvcc_property(s, kA, 3); }, 2},
-      {[](tarnm_state *s) { return tarnm_add_hvcc_property(s, kB, 3); }, 3},
-      {[](tarnm_state *s) { return tarnm_add_pixi_property(s, kA, 3); }, 4},
-      {[](tarnm_state *s) { return tarnm_add_pixi_property(s, kA, 2); }, 5},
-      {[](tarnm_state *s) { return tarnm_add_hvcc_property(s, kA, 3); }, 2},
-      {[](tarnm_state *s) { return tarnm_add_irot_property(s, 90); }, 6},
-      {[](tarnm_state *s) { return tarnm_add_colr_property(s, kNclx, 7); }, 7},
-      {[](tarnm_state *s) { return tarnm_add_colr_property(s, kNclx, 7); }, 7},
-      {[](tarnm_state *s) { return tarnm_add_irot_property(s, 90); }, 6},
-  };
-  Bytes expected;
-  for (const auto &s : kSteps) {
-    ASSERT_EQ(0, s.add(w.st));
-    expected.push_back(s.index);
-  }
-  EXPECT_EQ(expected, Bytes(w.st->assoc, w.st->assoc + w.st->assoc_count));
-  EXPECT_EQ(7u, w.st->ipco_list.elem_count);
-}
-
 TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
   static const uint8_t kBytes[4080] = {};
   static const uint32_t kIds[769] = {};
