@@ -121,7 +121,7 @@ File clapped(uint32_t w, uint32_t h, std::vector<int32_t> v) {
   return f;
 }
 
-enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb, kExif };
+enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb };
 
 struct Case {
   const char *name;
@@ -267,10 +267,6 @@ const Case kCases[] = {
     {"ster_entities_beyond_payload", [] { File f;
        f.more = box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(0x40000000), u32(1)})}); return f; },
      0, kNone, 0, "ster atom is too small size(24), entityCount(1073741824)", "tarnd_handlers"},
-    {"exif_item_holds_only_its_header_offset", [] { File f; f.infes.push_back(infe(2, "Exif"));
-       f.mdat = cat({kFrame, u32(0)}); f.locs.push_back({2, 10, 4, 0}); f.more = iref(ref("cdsc", 2, {1}));
-       return f; },
-     0, kExif, 0, "", nullptr},
     // Grids.
     {"grid_layout_wants_more_tiles", [] { return grid(cat({u16(0x0001), u16(0x0101), u32(0x00800080)})); },
      0, kRefs4, 0, "", nullptr},
@@ -318,12 +314,6 @@ int32_t ask(void *h, Query q) {
     case kThumb: {
       uint32_t id = 0;
       return tarnd_get_image_id(h, TARND_ID_THUMBNAIL, TARND_ID_REF_PRIMARY, &id);
-    }
-    case kExif: {
-      tarnd_item_data d = {};
-      const int32_t s = tarnd_get_info_item(h, 1, TARND_INFO_EXIF, &d);
-      EXPECT_TRUE(d.data == nullptr && d.size == 0);  // no TIFF data, nothing read
-      return s;
     }
     case kNone:
       break;
