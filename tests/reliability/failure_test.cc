@@ -42,10 +42,13 @@ const Inputs &inputs() {
   return in;
 }
 
-// The 132-byte header of an ICC display profile.
+// An ICC display profile of 3,880 bytes: with it the grid's clli property is
+// the one that opens a second block of the property list, so that clli's
+// failure is among the allocations failed below.
+constexpr uint32_t kIccSize = 3880;
 const uint8_t *icc() {
-  static uint8_t b[132] = {0, 0, 0, 132, 0, 0, 0, 0, 0x02, 0x10, 0, 0, 'm', 'n', 't', 'r', 'R', 'G', 'B', ' ',
-                           'X', 'Y', 'Z', ' '};
+  static uint8_t b[kIccSize] = {0, 0, kIccSize >> 8, kIccSize & 0xFF, 0, 0, 0, 0, 0x02, 0x10, 0, 0,
+                                'm', 'n', 't', 'r', 'R', 'G', 'B', ' ', 'X', 'Y', 'Z', ' '};
   return b;
 }
 const uint8_t kNclx[7] = {1, 0, 13, 0, 6, 0, 1};
@@ -69,7 +72,7 @@ int32_t write_file(tarnm_ctx **out, uint8_t *delivered = nullptr, int32_t delive
   grid.width = grid.height = 256;
   grid.rotation = 90;
   grid.param_sets = in.tiles[0].sets();
-  grid.color_type = 3, grid.color_data = icc(), grid.color_size = 132;
+  grid.color_type = 3, grid.color_data = icc(), grid.color_size = kIccSize;
   grid.bit_depth = kDepths, grid.bit_depth_info_count = 3;
   grid.max_cll = 1000, grid.max_pall = 400;
   grid.exif_data = in.exif.data(), grid.exif_size = uint32_t(in.exif.size());
