@@ -122,6 +122,7 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   const uint32_t boxes = mux.st().ipco_list.elem_count;
   EXPECT_EQ(mux.image(802, 0, deep), 0);
   EXPECT_EQ(mux.st().ipco_list.elem_count, boxes);
+  EXPECT_EQ(mux.image(0xFFFF, 0, deep), 0);  // the largest item id
   // Exif and XMP slots: the last one is taken, one more is refused.
   static const uint8_t kExif[14] = {'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8};
   Mux full;
