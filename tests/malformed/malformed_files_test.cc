@@ -230,6 +230,9 @@ const Case kCases[] = {
      -2, kNone, 0, "parser_iloc : item id is too big(70000)", "tarnd_handlers"},
     {"iloc_v2_wide_ids", [] { File f; f.iloc_version = 2; return f; },
      0, kFrame64, 0, "", nullptr},
+    {"iloc_extent_index_missing", [] { File f;
+       f.iloc = fullbox("iloc", 1, 0, {u8(0), u8(0x04), u16(1), u16(1), u16(0), u16(0), u16(1)}); return f; },
+     -2, kNone, 0, "ctx->meta.properties is NULL", "tarnd"},
     {"extent_past_end_of_file", [] { File f; f.locs = {{1, 0, 1000, 0}}; return f; },
      0, kFrame64, -6, "", nullptr},
     {"extent_offset_plus_length_overflows", [] { File f;

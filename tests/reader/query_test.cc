@@ -130,6 +130,12 @@ TEST(Query, RolesInformationAndReferences) {
   EXPECT_EQ(std::vector<int32_t>({info.crop.left, info.crop.top, info.crop.right, info.crop.bottom}),
             std::vector<int32_t>({16, 12, 48, 36}));
   EXPECT_EQ(info.flags, 0x1100u);
+  // A tmap's dimg makes it neither a grid nor an overlay; a grid's does.
+  for (const auto &want : {std::make_pair(4, 0u), std::make_pair(7, TARND_ITEM_GRID)}) {
+    info = {};
+    ASSERT_EQ(tarnd_get_info_image(ctx.get(), want.first, &info), 0);
+    EXPECT_EQ(info.flags & (TARND_ITEM_GRID | TARND_ITEM_OVERLAY), want.second) << want.first;
+  }
   info.crop = {9, 9, 9, 9};
   ASSERT_EQ(tarnd_get_info_image(ctx.get(), 2, &info), 0);
   EXPECT_TRUE(info.crop.left == 9 && info.crop.right == 9) << "an invalid clap still wrote a crop";
@@ -233,7 +239,8 @@ TEST(Query, ItemInformation) {
     EXPECT_EQ(tarnd_get_info_item(ctx.get(), c.ask, c.kind, grid ? static_cast<void *>(&g) : &d), c.status);
     if (grid) { EXPECT_EQ(std::vector<uint32_t>({g.rows, g.columns, g.output_width, g.output_height}), c.out); }
     if (!grid) { EXPECT_EQ(d.size, c.out[0]); }
-    EXPECT_TRUE(c.bytes.empty() || Bytes(d.data, d.data + d.size) == c.bytes);
+    // Without bytes to give, no pointer is given either (nothing read).
+    EXPECT_TRUE(c.bytes.empty() ? d.data == nullptr : Bytes(d.data, d.data + d.size) == c.bytes);
   }
 }
 

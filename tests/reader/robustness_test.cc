@@ -1,14 +1,11 @@
-// Real files cut short, every allocation of an open failing in turn (both
-// reading modes), and the two input sources at their ends and against each
-// other.
+// Real files cut short, and the two input sources at their ends and against
+// each other (allocation failure: tests/reliability/failure_test.cc).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
 
 #include "reader/helpers.h"
-
-#include "support/alloc_hook.h"
 
 namespace tarn_test {
 namespace {
@@ -66,52 +63,6 @@ TEST(Robustness, TruncatedRealFilesOpenOrFailCleanly) {
       }
     }
   }
-}
-
-TEST(Robustness, EveryAllocationOfAnOpenFailsCleanly) {
-#if !defined(TARN_TEST_ALLOC_HOOK)
-  GTEST_SKIP() << "allocator wrapping needs glibc without sanitizers";
-#else
-  TARN_REQUIRE_CORPUS();
-  for (const char *name : {"nokia/grid_960x640.heic", "nokia/stereo_1200x800.heic", "synthetic/LA_8__29x100.heif"}) {
-    std::vector<uint8_t> bytes;
-    ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &bytes)) << name;
-    tarnd_io_dsc io;
-    tarnd_io_init_memory(&io, bytes.data(), bytes.size());
-    for (long fail_at = 0, mode = TARND_READ_STRICT; mode <= TARND_READ_TOLERANT; ++fail_at) {
-      SCOPED_TRACE(std::string(name) + " failing allocation " + std::to_string(fail_at) + " mode " +
-                   std::to_string(mode));
-      int32_t err = 1;
-      g_count = g_live = 0;
-      g_fail_at = fail_at;
-      g_armed = true;
-      const bool opened = open_io(io, &err, uint32_t(mode)) != nullptr;  // and deleted at once
-      const bool reached = g_count > fail_at;
-      g_armed = false;
-      EXPECT_EQ(g_live, 0);
-      EXPECT_EQ(opened, err == 0);
-      EXPECT_TRUE(err == 0 || err == -2 || err == -5 || err == -6) << err;
-      if (!reached) {  // every allocation succeeded: the other mode
-        EXPECT_EQ(err, 0);
-        fail_at = -1;
-        ++mode;
-      }
-    }
-  }
-  // A 48-tile phone photo opens in either mode with a handful of
-  // allocations, none sized per tile.
-  std::vector<uint8_t> photo;
-  ASSERT_TRUE(read_file(corpus_dir() + "/phones/iphone8plus_grid_thumb_exif.heic", &photo));
-  for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
-    g_count = g_live = 0;
-    g_fail_at = -1;
-    g_armed = true;
-    int32_t err = 1;
-    EXPECT_NE(open_memory(photo, &err, mode), nullptr);
-    g_armed = false;
-    EXPECT_LT(g_count, 20) << "mode " << mode;
-  }
-#endif
 }
 
 TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {

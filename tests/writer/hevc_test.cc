@@ -46,34 +46,9 @@ tarnm_param_sets one_each(const Bytes &vps, const Bytes &sps, const Bytes &pps) 
   return ps;
 }
 
-TEST(SpsDecoder, EncoderStreamsAndTruncation) {
-  const struct {
-    const char *file;
-    uint32_t width, height;  // after the conformance window
-    uint8_t chroma, depth_minus8, profile, level;
-  } kCases[] = {
-      {"single512.hevc", 512, 512, 1, 0, 3, 90},   {"tile3.hevc", 256, 256, 1, 0, 3, 60},
-      {"thumb128.hevc", 128, 128, 1, 0, 3, 30},    {"alpha512.hevc", 512, 512, 0, 0, 4, 90},
-      {"image10bit.hevc", 320, 240, 1, 2, 4, 60},  {"odd302x198.hevc", 302, 198, 1, 0, 3, 60},
-      {"odd150x90.hevc", 150, 90, 1, 0, 3, 30},
-  };
-  for (const auto &c : kCases) {
-    SCOPED_TRACE(c.file);
-    HevcStream s;
-    ASSERT_TRUE(tarn_test::load_stream(c.file, &s));
-    const tarnm_hevc_sps p = decode(s.sps[0]);
-    const uint32_t sub_w = c.chroma == 1 || c.chroma == 2 ? 2 : 1, sub_h = c.chroma == 1 ? 2 : 1;
-    EXPECT_EQ(std::vector<uint32_t>({p.pic_width_in_luma_samples -
-                                         sub_w * (p.conf_win_left_offset + p.conf_win_right_offset),
-                                     p.pic_height_in_luma_samples -
-                                         sub_h * (p.conf_win_top_offset + p.conf_win_bottom_offset),
-                                     p.chroma_format_idc, p.bit_depth_luma_minus8,
-                                     p.bit_depth_chroma_minus8, p.general_profile_idc,
-                                     p.general_level_idc, p.sps_max_sub_layers_minus1}),
-              std::vector<uint32_t>({c.width, c.height, c.chroma, c.depth_minus8, c.depth_minus8,
-                                     c.profile, c.level, 0}));
-  }
-  // Cut anywhere: no read past the end (sanitizer build), the end value lands.
+// Encoder streams are decoded by the corpus comparison below; here an SPS
+// cut anywhere: no read past the end (sanitizer build), the end value lands.
+TEST(SpsDecoder, Truncation) {
   HevcStream s;
   ASSERT_TRUE(tarn_test::load_stream("odd302x198.hevc", &s));
   for (size_t len = 2; len < s.sps[0].size(); ++len) {
@@ -244,6 +219,7 @@ TEST(HvccBuilder, Refusals) {
   } kImpossible[] = {
       {"plausible", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 2, 2}, 0},
       {"chroma format 4", {0, 0, 0, 0x60000000, 0, 90, 0, 4, 64, 64, 0, 0, 0, 0}, -1},
+      {"16-bit luma and chroma", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 8, 8}, 0},
       {"17-bit luma", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 9, 0}, -1},
       {"17-bit chroma", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 0, 9}, -1},
       {"8 sub-layers", {7, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 0, 0}, -1},

@@ -70,6 +70,10 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
        }, false, "gain map info is NULL. size : 5"},
       {"tone-map grid", [](I *i, G *) { i->img_type = IMG_TYPE_TMAP; }, true,
        "Should not be here. unsupported image type(3)"},
+      {"tiles of 4096 x 3073 pixels", [](I *i, G *g) {
+         i->width = 4096, i->height = 3073;
+         g->output_width = 8192, g->output_height = 6146;
+       }, true, nullptr},
       {"1 x 769 tiles", [](I *, G *g) { g->rows = 1, g->columns = 769, g->last_tile_id = 778; },
        true, nullptr},
       {"tile range short", [](I *, G *g) { g->last_tile_id = 12; }, true,
@@ -118,6 +122,17 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   const uint32_t boxes = mux.st().ipco_list.elem_count;
   EXPECT_EQ(mux.image(802, 0, deep), 0);
   EXPECT_EQ(mux.st().ipco_list.elem_count, boxes);
+  EXPECT_EQ(mux.image(0xFFFF, 0, deep), 0);  // the largest item id
+  // Exif and XMP slots: the last one is taken, one more is refused.
+  static const uint8_t kExif[14] = {'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8};
+  Mux full;
+  tarnm_image_info e = Mux::info_for(fx.thumb, 128, 128);
+  e.exif_data = e.xmp_data = kExif;
+  e.exif_size = sizeof kExif, e.xmp_size = 4;
+  for (uint32_t id = 1; id <= 127; ++id) ASSERT_EQ(full.image(id, 0, e), 0);
+  e.xmp_data = nullptr, e.xmp_size = 0;
+  EXPECT_EQ(full.image(128, 0, e), 0);
+  EXPECT_EQ(full.image(129, 0, e), -1);
   EXPECT_EQ(tarnm_set_cover_image(mux.ctx, -1), -1);
   EXPECT_EQ(tarnm_set_cover_image(nullptr, 1), -1);
 }

@@ -65,6 +65,10 @@ TEST(Mblk, ElementsChainBlocks) {
     const bool fixed = !c.sizes.empty() && c.sizes[0] == -2;
     EXPECT_EQ(c.bytes, fixed ? tarn_mblk_datasize(&list.l) : tarn_mblk_total_datasize(&list.l));
   }
+  // An element must fit a block.
+  tarn_mblk bad;
+  EXPECT_EQ(-1, tarn_mblk_ctor(&bad, 0));
+  EXPECT_EQ(-1, tarn_mblk_ctor(&bad, TARN_MBLK_PAYLOAD_SIZE + 1));
   // Iteration both ways; stepping before the first element stays on it.
   for (uint32_t n : {0u, 1u, 255u, 256u, 1000u}) {
     List list(16);

@@ -115,11 +115,12 @@ TEST(BoxTree, EveryChildSizedAndReadsBack) {
     }
     roomy = file;
     // What the reader does not keep: essential bits (pixi the one
-    // non-essential property) and pixi's depths.
+    // non-essential property), pixi's depths and nclx's full-range bit.
     static const Bytes kIpma = {'i', 'p', 'm', 'a', 0, 0, 0, 0, 0, 0, 0, 3, 0, 1, 2, 0x81, 0x82, 0, 2, 2,
                                 0x81, 0x82, 0, 3, 4, 0x83, 0x84, 0x85, 0x06},
-                       kPixi = {'p', 'i', 'x', 'i', 0, 0, 0, 0, 3, 8, 10, 12};
-    for (const Bytes *needle : {&kIpma, &kPixi}) {
+                       kPixi = {'p', 'i', 'x', 'i', 0, 0, 0, 0, 3, 8, 10, 12},
+                       kNclx = {'c', 'o', 'l', 'r', 'n', 'c', 'l', 'x', 0, 1, 0, 13, 0, 6, 0x80};
+    for (const Bytes *needle : {&kIpma, &kPixi, &kNclx}) {
       EXPECT_NE(std::search(file.begin(), file.end(), needle->begin(), needle->end()), file.end());
     }
 
@@ -152,37 +153,6 @@ TEST(BoxTree, EveryChildSizedAndReadsBack) {
 }
 
 using Build = std::function<int32_t(tarnm_state *)>;
-
-TEST(Builders, SharedProperties) {
-  Writer w;
-  static const uint8_t kA[3] = {1, 2, 3}, kB[3] = {1, 2, 4}, kNclx[7] = {1, 0, 1, 0, 1, 0, 1};
-  w.st->image_info.color_type = 1;
-  w.st->image_info.color_data = kNclx;
-  w.st->image_info.color_size = 7;
-  const struct {
-    Build add;
-    uint8_t index;  // appended to the association set
-  } kSteps[] = {
-      {[](tarnm_state *s) { return tarnm_add_ispe_property(s, 64, 64); }, 1},
-      {[](tarnm_state *s) { return tarnm_add_ispe_property(s, 64, 64); }, 1},
-      {[](tarnm_state *s) { return tarnm_add_hvcc_property(s, kA, 3); }, 2},
-      {[](tarnm_state *s) { return tarnm_add_hvcc_property(s, kB, 3); }, 3},
-      {[](tarnm_state *s) { return tarnm_add_pixi_property(s, kA, 3); }, 4},
-      {[](tarnm_state *s) { return tarnm_add_pixi_property(s, kA, 2); }, 5},
-      {[](tarnm_state *s) { return tarnm_add_hvcc_property(s, kA, 3); }, 2},
-      {[](tarnm_state *s) { return tarnm_add_irot_property(s, 90); }, 6},
-      {[](tarnm_state *s) { return tarnm_add_colr_property(s, kNclx, 7); }, 7},
-      {[](tarnm_state *s) { return tarnm_add_colr_property(s, kNclx, 7); }, 7},
-      {[](tarnm_state *s) { return tarnm_add_irot_property(s, 90); }, 6},
-  };
-  Bytes expected;
-  for (const auto &s : kSteps) {
-    ASSERT_EQ(0, s.add(w.st));
-    expected.push_back(s.index);
-  }
-  EXPECT_EQ(expected, Bytes(w.st->assoc, w.st->assoc + w.st->assoc_count));
-  EXPECT_EQ(7u, w.st->ipco_list.elem_count);
-}
 
 TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
   static const uint8_t kBytes[4080] = {};
@@ -239,6 +209,22 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        },
        [](tarnm_state *s) { return tarnm_add_element_infe(s, 1, fcc("hvc1"), 1); }, -1,
        "too many items(65535)"},
+      {"hvcC of 2 GiB", nullptr,
+       [](tarnm_state *s) { return tarnm_add_hvcc_property(s, kBytes, 0x80000000u); }, -1, nullptr},
+      // No builder touches a missing state.
+      {"no state", nullptr,
+       [](tarnm_state *) {
+         const uint8_t d[1] = {8};
+         return tarnm_add_element_infe(nullptr, 1, 0, 0) & tarnm_add_element_itemtyperef(nullptr, 1, 0, 1, kIds) &
+                tarnm_add_element_entity_group(nullptr, 1, 2, kIds, 0) & tarnm_add_element_hvcC(nullptr, d, 1) &
+                tarnm_add_element_colr(nullptr) & tarnm_add_element_auxC(nullptr) &
+                tarnm_add_element_ispe(nullptr, 1, 1) & tarnm_add_element_irot(nullptr, 90) &
+                tarnm_add_element_pixi(nullptr, 1, d) & tarnm_add_element_clli(nullptr, 1, 1) &
+                tarnm_add_element_ipma(nullptr, 1, 1, d) & tarnm_add_colr_property(nullptr, d, 1) &
+                tarnm_add_hvcc_property(nullptr, d, 1) & tarnm_add_ispe_property(nullptr, 1, 1) &
+                tarnm_add_irot_property(nullptr, 90) & tarnm_add_pixi_property(nullptr, d, 1);
+       },
+       -1, nullptr},
   };
   for (const auto &c : kCases) {
     SCOPED_TRACE(c.name);

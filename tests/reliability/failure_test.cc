@@ -1,0 +1,329 @@
+// The writer and the reader under failure: every allocation of a file with
+// every kind of item and property failing in turn (written, then read back
+// through every query), output callbacks that fail half-way, and caller
+// buffers that are too small. Nothing may leak, crash, write outside a buffer
+// or lose the file; a failure that is absorbed must not change the result.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/alloc_hook.h"
+#include "support/files.h"
+#include "tarn/io.h"
+#include "tarn/reader.h"
+#include "tarn/writer.h"
+#include "writer/writer_support.h"
+
+namespace tarn_test {
+namespace {
+
+// One x265 picture, its frame converted once so that writing allocates
+// nothing in the test itself.
+struct Stream {
+  HevcStream units;
+  Bytes frame;
+  tarnm_param_sets sets() const { return units.param_sets(); }
+};
+bool load(const char *name, Stream *s) {
+  return load_stream(name, &s->units) && !(s->frame = s->units.frame()).empty();
+}
+
+struct Inputs {
+  Stream tiles[4], thumb;
+  Bytes exif = {'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0};
+  std::string xmp = "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"/>";
+  bool ok = load("tile0.hevc", &tiles[0]) && load("tile1.hevc", &tiles[1]) &&
+            load("tile2.hevc", &tiles[2]) && load("tile3.hevc", &tiles[3]) &&
+            load("thumb128.hevc", &thumb);
+};
+const Inputs &inputs() {
+  static const Inputs in;
+  return in;
+}
+
+// An ICC display profile of 3,880 bytes: with it the grid's clli property is
+// the one that opens a second block of the property list, so that clli's
+// failure is among the allocations failed below.
+constexpr uint32_t kIccSize = 3880;
+const uint8_t *icc() {
+  static uint8_t b[kIccSize] = {0, 0, kIccSize >> 8, kIccSize & 0xFF, 0, 0, 0, 0, 0x02, 0x10, 0, 0,
+                                'm', 'n', 't', 'r', 'R', 'G', 'B', ' ', 'X', 'Y', 'Z', ' '};
+  return b;
+}
+const uint8_t kNclx[7] = {1, 0, 13, 0, 6, 0, 1};
+const uint8_t kDepths[3] = {8, 8, 8};
+const uint8_t kTonemap[20] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19};
+
+// A 2x2 grid (item 5 over tiles 1-4, rotated, with ICC, pixi, clli, Exif and
+// XMP), a thumbnail with nclx (6), an alpha plane (7) and a tone map (8),
+// written into the heap or into the caller's buffer. Returns the first
+// failing status; the context, if any, is left in *out. Allocates nothing
+// itself, so that every allocation counted is the library's.
+int32_t write_file(tarnm_ctx **out, uint8_t *delivered = nullptr, int32_t delivered_size = 0) {
+  const Inputs &in = inputs();
+  tarnm_init_dsc dsc{};
+  int32_t rc = -1;
+  *out = tarnm_create(&dsc, &rc);
+  if (*out == nullptr) return rc;
+  if (delivered != nullptr && (rc = tarnm_use_delivered_memory_buffer(*out, delivered, delivered_size)) != 0)
+    return rc;
+  tarnm_image_info grid{};
+  grid.width = grid.height = 256;
+  grid.rotation = 90;
+  grid.param_sets = in.tiles[0].sets();
+  grid.color_type = 3, grid.color_data = icc(), grid.color_size = kIccSize;
+  grid.bit_depth = kDepths, grid.bit_depth_info_count = 3;
+  grid.max_cll = 1000, grid.max_pall = 400;
+  grid.exif_data = in.exif.data(), grid.exif_size = uint32_t(in.exif.size());
+  grid.xmp_data = reinterpret_cast<const uint8_t *>(in.xmp.data()), grid.xmp_size = uint32_t(in.xmp.size());
+  const tarnm_grid_info layout{512, 512, 2, 2, 1, 4, 5, 0};
+  tarnm_image_info thumb{};
+  thumb.img_type = IMG_TYPE_THUMBNAIL;
+  thumb.width = thumb.height = 128;
+  thumb.param_sets = in.thumb.sets();
+  thumb.color_type = 1, thumb.color_data = kNclx, thumb.color_size = 7;
+  tarnm_image_info alpha = thumb;
+  alpha.img_type = IMG_TYPE_AUX, alpha.aux_type = 1;
+  alpha.color_type = 0, alpha.color_data = nullptr, alpha.color_size = 0;
+  tarnm_image_info tmap{};
+  tmap.img_type = IMG_TYPE_TMAP;
+  tmap.width = tmap.height = 512;
+  tmap.tmap_data = kTonemap, tmap.tmap_size = sizeof kTonemap;
+  if ((rc = tarnm_set_image_info(*out, 5, 0, &grid, &layout)) != 0) return rc;
+  if ((rc = tarnm_set_image_info(*out, 6, 5, &thumb, nullptr)) != 0) return rc;
+  if ((rc = tarnm_set_image_info(*out, 7, 5, &alpha, nullptr)) != 0) return rc;
+  if ((rc = tarnm_set_image_info(*out, 8, 5, &tmap, nullptr)) != 0) return rc;
+  for (uint32_t t = 0; t < 4; ++t) {
+    const Bytes &f = in.tiles[t].frame;
+    if ((rc = tarnm_put_frm(*out, t + 1, f.data(), uint32_t(f.size()))) != 0) return rc;
+  }
+  for (uint32_t id : {6u, 7u}) {
+    if ((rc = tarnm_put_frm(*out, id, in.thumb.frame.data(), uint32_t(in.thumb.frame.size()))) != 0) return rc;
+  }
+  if ((rc = tarnm_set_cover_image(*out, 5)) != 0) return rc;
+  return tarnm_stop_muxing(*out);
+}
+
+Bytes reference_file() {
+  tarnm_ctx *w = nullptr;
+  Bytes file;
+  if (write_file(&w) == 0) {
+    file.resize(size_t(tarnm_get_outputbuffer_size(w)));
+    tarnm_dump_image_to_outputbuffer(w, file.data());
+  }
+  tarnm_delete(w);
+  return file;
+}
+
+// Every answer the reader gives about a file: the status of each query and a
+// digest of what it wrote. Filled without allocating.
+struct Answers {
+  int32_t create = 1;
+  long open_allocations = 0;
+  int32_t status[96];
+  uint64_t digest[96];
+  int n = 0;
+};
+void note(Answers *a, int32_t status, const void *p, size_t size, uint64_t h = 1469598103934665603ull) {
+  for (size_t i = 0; i < size; ++i) h = (h ^ static_cast<const uint8_t *>(p)[i]) * 1099511628211ull;
+  a->status[a->n] = status;
+  a->digest[a->n++] = h;
+}
+uint8_t g_frame[1 << 20];
+
+void ask_everything(const Bytes &file, uint32_t mode, Answers *a) {
+  tarnd_io_dsc io;
+  tarnd_io_init_memory(&io, file.data(), file.size());
+  tarnd_file_info fi;
+  void *h = tarnd_create_with_flags(&io, mode, &fi, &a->create);
+#if defined(TARN_TEST_ALLOC_HOOK)
+  a->open_allocations = g_count;
+#endif
+  if (h == nullptr) return;
+  for (uint32_t role = TARND_ID_PRIMARY; role <= TARND_ID_STEREO_RIGHT; ++role) {
+    uint32_t id = 0;
+    note(a, tarnd_get_image_id(h, role, TARND_ID_REF_PRIMARY, &id), &id, sizeof id);
+  }
+  for (int32_t item = 1; item <= 9; ++item) {
+    tarnd_image_info ii{};
+    int32_t s = tarnd_get_info_image(h, item, &ii);
+    note(a, s, &ii.width, 3 * sizeof(uint32_t), ii.flags ^ ii.tile_cnt ^ uint64_t(ii.codec) << 32);
+    note(a, s, ii.icc_data, ii.icc_size);
+    note(a, s, ii.config_data, ii.config_size);
+    int32_t size = 0;
+    s = tarnd_get_image_frm(h, item, g_frame, sizeof g_frame, &size);
+    note(a, s, g_frame, size_t(size > 0 ? size : 0));
+    tarnd_grid_info g{};
+    note(a, tarnd_get_info_item(h, item, TARND_INFO_GRID, &g), &g, sizeof g);
+    for (uint32_t kind : {TARND_INFO_EXIF, TARND_INFO_XMP, TARND_INFO_TONEMAP}) {
+      tarnd_item_data d{};
+      s = tarnd_get_info_item(h, item, kind, &d);
+      note(a, s, d.data, d.size);
+    }
+    uint32_t refs[8] = {};
+    note(a, tarnd_get_list_referenceto(h, item, refs, 8), refs, sizeof refs);
+  }
+  tarnd_delete(h);
+}
+
+TEST(WriterAllocFailure, EveryAllocationOfARoundTripFailsCleanly) {
+#if !defined(TARN_TEST_ALLOC_HOOK)
+  GTEST_SKIP() << "allocator wrapping needs glibc without sanitizers";
+#else
+  ASSERT_TRUE(inputs().ok);
+  const Bytes ref = reference_file();
+  ASSERT_FALSE(ref.empty());
+  Bytes out(ref.size() + 64);
+  long fail_at = 0;
+  for (;; ++fail_at) {
+    g_count = 0, g_live = 0, g_fail_at = fail_at, g_armed = true;
+    tarnm_ctx *w = nullptr;
+    const int32_t rc = write_file(&w);
+    const int32_t size = rc == 0 ? tarnm_get_outputbuffer_size(w) : -1;
+    const bool fits = size > 0 && size_t(size) <= out.size();
+    if (fits) tarnm_dump_image_to_outputbuffer(w, out.data());
+    tarnm_delete(w);
+    const bool reached = g_count > fail_at;
+    g_armed = false;
+    SCOPED_TRACE("failing allocation " + std::to_string(fail_at));
+    EXPECT_EQ(g_live, 0);
+    EXPECT_TRUE(rc == 0 || (rc <= -1 && rc >= -6)) << rc;
+    // A failure that was absorbed must still give the very same file.
+    if (rc == 0) {
+      EXPECT_TRUE(fits && Bytes(out.begin(), out.begin() + size) == ref);
+    }
+    if (!reached) break;
+  }
+  // Create, registration, the element lists and the metadata copies all
+  // allocate: a hook that saw few calls is not wired in.
+  EXPECT_GT(fail_at, 10);
+#endif
+}
+
+// Opening and every query of the file above and of real files (a grid with
+// idat, a stereo pair, an alpha plane), with each allocation failing in turn.
+// Nothing leaks or crashes; a failure inside the open may cost a box the
+// reader would also skip when malformed (an iref, an idat), but once open,
+// every query answers as without the failure or fails with a negative status
+// where it would have succeeded.
+TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
+#if !defined(TARN_TEST_ALLOC_HOOK)
+  GTEST_SKIP() << "allocator wrapping needs glibc without sanitizers";
+#else
+  ASSERT_TRUE(inputs().ok);
+  std::vector<std::pair<std::string, Bytes>> files = {{"written", reference_file()}};
+  for (const char *name : {"nokia/grid_960x640.heic", "nokia/stereo_1200x800.heic", "synthetic/LA_8__29x100.heif"}) {
+    if (corpus_dir().empty()) break;
+    files.emplace_back(name, Bytes());
+    ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &files.back().second)) << name;
+  }
+  for (const auto &f : files) for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+    const Bytes &file = f.second;
+    static Answers ref, got;
+    ref = Answers();
+    ask_everything(file, mode, &ref);
+    ASSERT_EQ(ref.create, 0) << f.first;
+    long fail_at = 0;
+    for (;; ++fail_at) {
+      got = Answers();
+      g_count = 0, g_live = 0, g_fail_at = fail_at, g_armed = true;
+      ask_everything(file, mode, &got);
+      const bool reached = g_count > fail_at;
+      g_armed = false;
+      SCOPED_TRACE(f.first + ", mode " + std::to_string(mode) + ", failing allocation " + std::to_string(fail_at));
+      EXPECT_EQ(g_live, 0);
+      if (got.create != 0) {
+        EXPECT_TRUE(got.create == -2 || got.create == -5 || got.create == -6) << got.create;
+      } else if (fail_at >= got.open_allocations) {
+        ASSERT_EQ(got.n, ref.n);
+        for (int i = 0; i < ref.n; ++i) {
+          if (got.status[i] == ref.status[i]) {
+            EXPECT_EQ(got.digest[i], ref.digest[i]) << "query " << i;
+          } else {
+            EXPECT_LT(got.status[i], 0) << "query " << i;
+          }
+        }
+      }
+      if (!reached) break;
+    }
+    EXPECT_GT(fail_at, 5) << f.first;
+  }
+  // A 48-tile phone photo opens in either mode with a handful of
+  // allocations, none sized per tile.
+  Bytes photo;
+  if (!corpus_dir().empty() && read_file(corpus_dir() + "/phones/iphone8plus_grid_thumb_exif.heic", &photo)) {
+    for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+      static Answers a;
+      a = Answers();
+      g_count = 0, g_live = 0, g_fail_at = -1, g_armed = true;
+      ask_everything(photo, mode, &a);
+      g_armed = false;
+      EXPECT_EQ(a.create, 0);
+      EXPECT_LT(a.open_allocations, 20) << "mode " << mode;
+    }
+  }
+#endif
+}
+
+// Output operations that misbehave in the ways a full disk or a closed pipe
+// does; the file must still be dumped afterwards, whole.
+struct Sink {
+  tarnm_output_dsc dsc;  // first, so the descriptor is the sink
+  int mode;              // 0 good, 1 open fails, 2 half written, 3 nothing written
+  Bytes bytes;
+};
+void *sink_open(tarnm_output_dsc *d, int32_t) {
+  return reinterpret_cast<Sink *>(d)->mode == 1 ? nullptr : d;
+}
+void sink_close(void *) {}
+size_t sink_write(void *f, const void *data, size_t count) {
+  Sink *s = static_cast<Sink *>(f);
+  const size_t n = s->mode == 2 ? count / 2 : s->mode == 3 ? 0 : count;
+  s->bytes.insert(s->bytes.end(), static_cast<const uint8_t *>(data),
+                  static_cast<const uint8_t *>(data) + n);
+  return n;
+}
+
+TEST(WriterNothingLost, FailedOutputCanBeDumpedAgain) {
+  ASSERT_TRUE(inputs().ok);
+  const Bytes ref = reference_file();
+  ASSERT_FALSE(ref.empty());
+  for (int mode : {1, 2, 3}) {
+    SCOPED_TRACE(mode);
+    tarnm_ctx *w = nullptr;
+    ASSERT_EQ(write_file(&w), 0);
+    Sink bad{{sink_open, sink_close, nullptr, sink_write}, mode, {}};
+    EXPECT_EQ(tarnm_dump_image_to_file(w, &bad.dsc), -6);
+    Sink good{{sink_open, sink_close, nullptr, sink_write}, 0, {}};
+    EXPECT_EQ(tarnm_dump_image_to_file(w, &good.dsc), 0);
+    EXPECT_TRUE(good.bytes == ref);
+    tarnm_delete(w);
+  }
+}
+
+TEST(WriterNothingLost, DeliveredBufferIsNeverWrittenPastItsSize) {
+  ASSERT_TRUE(inputs().ok);
+  const Bytes ref = reference_file();
+  ASSERT_FALSE(ref.empty());
+  const int32_t n = int32_t(ref.size());
+  struct Case {
+    int32_t size;
+    bool fits;
+  } const kCases[] = {{n + 100, true}, {n, true}, {n - 1, false}, {n / 2, false}, {64, false}};
+  for (const Case &c : kCases) {
+    SCOPED_TRACE(c.size);
+    Bytes buf(size_t(c.size) + 256, 0xEE);
+    tarnm_ctx *w = nullptr;
+    const int32_t rc = write_file(&w, buf.data(), c.size);
+    EXPECT_EQ(rc == 0, c.fits) << rc;
+    for (size_t i = size_t(c.size); i < buf.size(); ++i) ASSERT_EQ(buf[i], 0xEE) << "at " << i;
+    if (rc == 0) {
+      EXPECT_TRUE(Bytes(buf.begin(), buf.begin() + n) == ref);
+    }
+    tarnm_delete(w);
+  }
+}
+
+}  // namespace
+}  // namespace tarn_test
