@@ -7,7 +7,8 @@
 #
 #   check_install.sh BUILD_DIR WORK_DIR CONSUMER_DIR INCLUDE_DIR [HEIF_FILE]
 set -euo pipefail
-build_dir=$1 work=$2 consumer=$3 include_dir=$4 sample=${5:-}
+build_dir=$(realpath "$1") work=$(realpath -m "$2") consumer=$(realpath "$3")
+include_dir=$(realpath "$4") sample=${5:-}
 unset LD_LIBRARY_PATH
 rm -rf "$work"
 mkdir -p "$work"
