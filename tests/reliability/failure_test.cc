@@ -132,7 +132,7 @@ void note(Answers *a, int32_t status, const void *p, size_t size, uint64_t h = 1
 }
 uint8_t g_frame[1 << 20];
 
-void ask_everything(const Bytes &file, uint32_t mode, Answers *a) {
+[[maybe_unused]] void ask_everything(const Bytes &file, uint32_t mode, Answers *a) {
   tarnd_io_dsc io;
   tarnd_io_init_memory(&io, file.data(), file.size());
   tarnd_file_info fi;
