@@ -330,6 +330,18 @@ tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
     ++ctx->item_slots_taken;
     return &meta->items[slot];
   }
+  if (tolerant(ctx)) {
+    // Every slot taken, one of them by id 0, which reads as untaken: the id
+    // takes it over, as strict reading hands an untaken slot to the next
+    // entry. No worse than the scan strict reading makes here.
+    for (uint32_t i = 0; i < meta->item_cnt; ++i) {
+      if (meta->items[i].item_id != 0) continue;
+      meta->items[i].item_id = static_cast<uint16_t>(id);
+      ctx->item_slots_unordered = 1;
+      if (ctx->item_slots != nullptr) insert_slot(ctx, id, i);
+      return &meta->items[i];
+    }
+  }
   tarnd_item *item = &meta->items[meta->infe_index];
   if (item->item_id == 0) {
     item->item_id = static_cast<uint16_t>(id);
