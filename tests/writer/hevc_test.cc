@@ -1,13 +1,12 @@
-// SPS decoding and the hvcC record: x265 streams, hand-built parameter sets
-// reaching the corners of Exp-Golomb coding, sub-layers and emulation
-// prevention, refusals, and the record rebuilt for every hvcC of the corpus.
+// SPS decoding and the hvcC record: hand-built parameter sets reaching the
+// corners of Exp-Golomb coding, sub-layers and emulation prevention, and the
+// parameter sets the record refuses. Real encoders' records are rebuilt by
+// every edit round trip of the corpus.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 
-#include "support/files.h"
 #include "tarn/utils.h"
 #include "writer/writer_support.h"
 
@@ -26,14 +25,6 @@ tarnm_hevc_sps decode(const Bytes &nal) {
   return sps;
 }
 
-// Builds the record; status -1 when either call refuses.
-Bytes build(const tarnm_param_sets &ps, int32_t *status) {
-  const int32_t size = tarnm_get_hvcc_size(&ps);
-  Bytes out(size > 0 ? size_t(size) : 1, 0xEE);
-  *status = size < 0 ? -1 : tarnm_make_hvcc(&ps, out.data());
-  return out;
-}
-
 tarnm_param_sets one_each(const Bytes &vps, const Bytes &sps, const Bytes &pps) {
   HevcStream s;
   s.vps = {vps};
@@ -44,21 +35,6 @@ tarnm_param_sets one_each(const Bytes &vps, const Bytes &sps, const Bytes &pps) 
   ps.sps_data[0] = sps.data();
   ps.pps_data[0] = pps.data();
   return ps;
-}
-
-// Encoder streams are decoded by the corpus comparison below; here an SPS
-// cut anywhere: no read past the end (sanitizer build), the end value lands.
-TEST(SpsDecoder, Truncation) {
-  HevcStream s;
-  ASSERT_TRUE(tarn_test::load_stream("odd302x198.hevc", &s));
-  for (size_t len = 2; len < s.sps[0].size(); ++len) {
-    Bytes cut(s.sps[0].begin(), s.sps[0].begin() + long(len));
-    cut.shrink_to_fit();
-    const tarnm_hevc_sps p = decode(cut);
-    if (len < 15) {
-      EXPECT_EQ(p.bit_depth_chroma_minus8, 0xFE) << len;
-    }
-  }
 }
 
 // MSB-first bits of an SPS; nal() adds the stop bit, the NAL header and
@@ -232,100 +208,6 @@ TEST(HvccBuilder, Refusals) {
     Bytes out(size_t(tarnm_get_hvcc_size(&ps)), 0);
     EXPECT_EQ(tarnm_make_hvcc(&ps, out.data()), c.rc) << c.name;
   }
-}
-
-// Parameter-set units of an hvcC payload by NAL type, or false when the
-// arrays overrun or fall short of it.
-bool hvcc_units(const Bytes &p, std::vector<std::pair<uint8_t, Bytes>> *units) {
-  size_t off = 23;
-  for (int a = 0; p.size() >= 23 && a < p[22]; ++a) {
-    if (p.size() - off < 3) return false;
-    const uint8_t type = p[off] & 0x3F;
-    const size_t n = size_t(p[off + 1] << 8 | p[off + 2]);
-    off += 3;
-    for (size_t i = 0; i < n; ++i) {
-      if (p.size() - off < 2 || p.size() - off - 2 < size_t(p[off] << 8 | p[off + 1])) return false;
-      const size_t len = size_t(p[off] << 8 | p[off + 1]);
-      units->emplace_back(type, Bytes(p.begin() + long(off + 2), p.begin() + long(off + 2 + len)));
-      off += 2 + len;
-    }
-  }
-  return p.size() >= 23 && off == p.size();  // the arrays fill the record exactly
-}
-
-// Every hvcC of the corpus rebuilt from its own parameter sets matches the
-// original in every field the writer derives (constants such as segmentation,
-// parallelism and frame rate aside). Several encoders leave the 48 constraint
-// flags at zero whatever the SPS says; the writer takes them from the SPS.
-TEST(HvccBuilder, MatchesEveryCorpusFile) {
-  TARN_REQUIRE_CORPUS();
-  std::vector<std::string> files;
-  for (const char *folder : {"nokia", "phones", "synthetic"}) {
-    for (const auto &e : std::filesystem::directory_iterator(tarn_test::corpus_dir() + "/" + folder)) {
-      files.push_back(e.path().string());
-    }
-  }
-  std::sort(files.begin(), files.end());
-  int checked = 0;
-  for (const std::string &path : files) {
-    SCOPED_TRACE(path);
-    Bytes file;
-    ASSERT_TRUE(tarn_test::read_file(path, &file));
-    // meta / iprp / ipco / hvcC
-    std::vector<tarn_test::Span> level = tarn_test::children(file, 0, file.size());
-    size_t skip = 4;
-    for (const char *type : {"meta", "iprp", "ipco"}) {
-      auto it = std::find_if(level.begin(), level.end(),
-                             [&](const tarn_test::Span &b) { return b.type == tarn_test::fcc(type); });
-      ASSERT_NE(it, level.end()) << type;
-      level = tarn_test::children(file, it->begin + 8 + skip, it->end);
-      skip = 0;
-    }
-    for (const tarn_test::Span &b : level) {
-      if (b.type != tarn_test::fcc("hvcC")) continue;
-      const Bytes original(file.begin() + long(b.begin + 8), file.begin() + long(b.end));
-      std::vector<std::pair<uint8_t, Bytes>> units, again;
-      ASSERT_TRUE(hvcc_units(original, &units));
-      HevcStream s;
-      for (const auto &u : units) {
-        if (u.first >= 32 && u.first <= 34) (u.first == 32 ? s.vps : u.first == 33 ? s.sps : s.pps).push_back(u.second);
-      }
-      ASSERT_FALSE(s.vps.empty() || s.sps.empty() || s.pps.empty());
-      int32_t status;
-      const Bytes rec = build(s.param_sets(), &status);
-      ASSERT_EQ(status, 0);
-      // Profile, tier, compatibility, constraints and level as the SPS has
-      // them (without emulation prevention); this camera's hvcC clears the
-      // tier and bit-reverses the compatibility bytes, so the SPS wins.
-      Bytes sps;
-      for (size_t i = 2, zeros = 0; i < s.sps[0].size() && sps.size() < 13; ++i) {
-        if (zeros >= 2 && s.sps[0][i] == 3) {
-          zeros = 0;
-          continue;
-        }
-        sps.push_back(s.sps[0][i]);
-        zeros = s.sps[0][i] == 0 ? zeros + 1 : 0;
-      }
-      ASSERT_EQ(sps.size(), 13u);
-      EXPECT_EQ(Bytes(rec.begin() + 1, rec.begin() + 13), Bytes(sps.begin() + 1, sps.end()));
-      if (path.find("sony_grid_jpeg_thumb.hif") == std::string::npos) {
-        EXPECT_EQ(Bytes(rec.begin() + 1, rec.begin() + 6), Bytes(original.begin() + 1, original.begin() + 6));
-      }
-      EXPECT_EQ(Bytes({rec[12], uint8_t(rec[16] & 3), uint8_t(rec[17] & 7), uint8_t(rec[18] & 7),
-                       uint8_t(rec[21] & 3)}),
-                Bytes({original[12], uint8_t(original[16] & 3), uint8_t(original[17] & 7),
-                       uint8_t(original[18] & 7), uint8_t(original[21] & 3)}));
-      ASSERT_TRUE(hvcc_units(rec, &again));
-      std::stable_sort(units.begin(), units.end(),
-                       [](const auto &x, const auto &y) { return x.first < y.first; });
-      units.erase(std::remove_if(units.begin(), units.end(),
-                                 [](const auto &u) { return u.first < 32 || u.first > 34; }),
-                  units.end());
-      EXPECT_EQ(again, units);
-      ++checked;
-    }
-  }
-  EXPECT_GT(checked, 60);
 }
 
 }  // namespace

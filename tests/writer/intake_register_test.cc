@@ -1,9 +1,8 @@
 // Registration and intake through the public calls: refusals that leave a
 // context which still finishes into a readable file, start codes turned into
-// lengths, a delivered buffer that runs full, and finishing.
+// lengths, and finishing.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "support/log_capture.h"
@@ -137,40 +136,6 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   EXPECT_EQ(tarnm_set_cover_image(nullptr, 1), -1);
 }
 
-// Exif item and group ids start above the largest id in use whatever the
-// registration order; a tone map without data still gets dimg and altr.
-TEST(Register, WriterIdsAboveLargestId) {
-  const Fixture fx;
-  static const uint8_t kExif[100] = {'E', 'x', 'i', 'f'};
-  Mux mux;
-  ASSERT_EQ(mux.cover(3), 0);
-  ASSERT_EQ(mux.image(50, 0, Mux::info_for(fx.thumb, 128, 128)), 0);
-  tarnm_image_info i = Mux::info_for(fx.single, 512, 512);
-  i.exif_data = kExif;
-  i.exif_size = sizeof kExif;
-  ASSERT_EQ(mux.image(3, 0, i), 0);
-  tarnm_image_info t{};
-  t.img_type = IMG_TYPE_TMAP;
-  t.width = 4000;
-  t.height = 3000;
-  t.rotation = 90;
-  ASSERT_EQ(mux.image(4, 50, t), 0);
-  // The caller's record describes the stored orientation afterwards.
-  ASSERT_EQ(tarnm_set_image_info(mux.ctx, 5, 50, &t, nullptr), 0);
-  EXPECT_EQ(std::vector<uint32_t>({t.width, t.height, t.rotation}),
-            std::vector<uint32_t>({3000, 4000, 0}));
-  ASSERT_EQ(mux.frame(50, fx.thumb), 0);
-  ASSERT_EQ(mux.frame(3, fx.single), 0);
-  const Bytes file = mux.finish();
-  auto has = [&](const Bytes &needle) {
-    return std::search(file.begin(), file.end(), needle.begin(), needle.end()) != file.end();
-  };
-  EXPECT_TRUE(has({0, 51, 0, 0, 'E', 'x', 'i', 'f'}));
-  EXPECT_TRUE(has({'c', 'd', 's', 'c', 0, 51, 0, 1, 0, 3}));
-  EXPECT_TRUE(has({'a', 'l', 't', 'r', 0, 0, 0, 0, 0, 0, 0, 52, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 3}));
-  EXPECT_TRUE(has({'a', 'l', 't', 'r', 0, 0, 0, 0, 0, 0, 0, 53, 0, 0, 0, 2, 0, 0, 0, 5, 0, 0, 0, 3}));
-}
-
 TEST(Intake, StartCodesBecomeLengths) {
   // Units of 58, 70 and 10 bytes: a start code straddles the end of the
   // converter's first 64-byte block, another lies in the third.
@@ -269,33 +234,6 @@ TEST(Intake, RefusalsLeaveNothingBehind) {
   EXPECT_TRUE(cap.has("grid 5 misses the frame of tile 3", "tarnm")) << cap.dump();
   ASSERT_EQ(mux.frame(3, fx.tile), 0);
   tarn_test::check_with_reader(mux.finish(), mux.expect);
-}
-
-// A delivered buffer exactly as large as the file so far: frames, metadata
-// and the items of finishing no longer fit, and nothing is written past it.
-TEST(Intake, DeliveredBufferRunsFull) {
-  const Fixture fx;
-  static const uint8_t kXmp[] = "<x:xmpmeta/>";
-  Mux mux;
-  tarnm_image_info i = Mux::info_for(fx.thumb, 128, 128);
-  i.xmp_data = kXmp;
-  i.xmp_size = sizeof kXmp;
-  ASSERT_EQ(mux.image(1, 0, i), 0);
-  ASSERT_EQ(mux.frame(1, fx.thumb), 0);
-  const int32_t used = tarnm_get_outputbuffer_size(mux.ctx);
-  Bytes buffer(size_t(used) + 1, 0xEE);
-  ASSERT_EQ(tarnm_use_delivered_memory_buffer(mux.ctx, buffer.data(), used), 0);
-  tarn_test::LogCapture cap;
-  const Bytes frame = fx.thumb.frame();
-  EXPECT_EQ(tarnm_put_frm(mux.ctx, 2, frame.data(), uint32_t(frame.size())), -4);
-  EXPECT_TRUE(cap.has("tarn_chunk_dump : buffer size is insufficient. buffer size : 0, "
-                      "required size : " + std::to_string(frame.size()), "tarnm"))
-      << cap.dump();
-  uint32_t offset = 0;
-  EXPECT_EQ(tarnm_put_metadata(mux.ctx, 3, kXmp, sizeof kXmp, &offset), -4);
-  EXPECT_EQ(mux.st().iloc_list.elem_count, 1u);
-  EXPECT_EQ(tarnm_stop_muxing(mux.ctx), -3);
-  EXPECT_EQ(buffer.back(), 0xEE);
 }
 
 TEST(Finalise, MetadataFollowsTheFrameInMdat) {
