@@ -1,5 +1,5 @@
-// Real files cut short, and the two input sources at their ends and against
-// each other (allocation failure: tests/reliability/failure_test.cc).
+// Real files cut short, and the input sources at their ends (allocation
+// failure: tests/reliability/failure_test.cc).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -93,59 +93,6 @@ TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {
   EXPECT_EQ(tarnd_io_init_memory(nullptr, data.data(), 1), -1);
   EXPECT_EQ(tarnd_io_init_file(&ios[1], nullptr), -1);
   std::remove(path.c_str());
-}
-
-// The file source reads through a window of its own: reads inside it, across
-// its edge, larger than it, after moves back and forth and at the end of the
-// file must give what the memory source gives.
-TEST(Robustness, FileSourceReadsWhatMemoryHolds) {
-  const std::string path = testing::TempDir() + "/tarn_io_window_test.bin";
-  std::vector<uint8_t> data(100000);
-  uint32_t x = 12345;
-  for (uint8_t &b : data) b = uint8_t((x = x * 1103515245u + 12345u) >> 24);
-  FILE *f = fopen(path.c_str(), "wb");
-  ASSERT_TRUE(f != nullptr && fwrite(data.data(), 1, data.size(), f) == data.size());
-  fclose(f);
-  const struct {
-    uint64_t seek;  // ~0 keeps the position
-    uint32_t count;
-  } kSteps[] = {{0, 4},         {~0ull, 8},  {16380, 10},  {100, 16384}, {~0ull, 3},
-                {20000, 40000}, {30000, 2},  {16384, 1},   {99990, 20},  {50000, 65536},
-                {5, 1},         {~0ull, 0},  {100000, 1}};
-  tarnd_io_dsc mem, file;
-  ASSERT_EQ(tarnd_io_init_memory(&mem, data.data(), data.size()), 0);
-  ASSERT_EQ(tarnd_io_init_file(&file, path.c_str()), 0);
-  void *hm = mem.open(&mem, 0), *hf = file.open(&file, 0);
-  ASSERT_TRUE(hm != nullptr && hf != nullptr);
-  for (const auto &step : kSteps) {
-    SCOPED_TRACE(testing::Message() << step.seek << " " << step.count);
-    uint64_t a = step.seek, b = step.seek;
-    if (step.seek != ~0ull) {
-      ASSERT_EQ(mem.seek(hm, &a), file.seek(hf, &b));
-    }
-    std::vector<uint8_t> got_mem(step.count), got_file(step.count);
-    ASSERT_EQ(mem.read(hm, got_mem.data(), step.count), file.read(hf, got_file.data(), step.count));
-    EXPECT_EQ(got_mem, got_file);
-    ASSERT_EQ(mem.tell(hm, &a), file.tell(hf, &b));
-    EXPECT_EQ(a, b);
-  }
-  mem.close(hm);
-  file.close(hf);
-  std::remove(path.c_str());
-}
-
-// Ids from 1 and from 100 take the fast paths; an id above 16 bits is no item
-// and leaves the answer alone.
-TEST(Robustness, FindItemIndex) {
-  tarnd_item items[3] = {};
-  for (uint32_t first : {1u, 100u}) {
-    for (uint16_t i = 0; i < 3; ++i) items[i].item_id = uint16_t(first + i);
-    uint32_t index = 77;
-    EXPECT_EQ(tarnd_find_itemIndex(items, 3, first + 2, &index), 0);
-    EXPECT_EQ(tarnd_find_itemIndex(items, 3, first + 3, &index), -1);
-    EXPECT_EQ(tarnd_find_itemIndex(items, 3, first + 65536, &index), -1);
-    EXPECT_EQ(index, 2u);
-  }
 }
 
 }  // namespace
