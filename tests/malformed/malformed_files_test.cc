@@ -64,6 +64,7 @@ const Bytes kFrame = {0, 0, 0, 6, 0x26, 0x01, 0xaf, 0x10, 0x20, 0x30};
 // ftyp, meta, mdat. Item 1 is a 64x64 hvc1 image holding kFrame; a case
 // replaces the piece it breaks.
 struct File {
+  Bytes ftyp = box("ftyp", {fourcc("heic"), u32(0), fourcc("mif1"), fourcc("heic")});
   Bytes head;  // between ftyp and meta
   Bytes hdlr = fullbox("hdlr", 0, 0, {u32(0), fourcc("pict"), zeros(12), str("")});
   Bytes pitm = fullbox("pitm", 0, 0, {u16(1)});
@@ -100,7 +101,6 @@ struct File {
     return fullbox("meta", 0, 0, {hdlr, pitm, info, loc, props, more});
   }
   Bytes build() const {
-    const Bytes ftyp = box("ftyp", {fourcc("heic"), u32(0), fourcc("mif1"), fourcc("heic")});
     const uint32_t base = uint32_t(ftyp.size() + head.size() + meta(0).size() + 8);
     return cat({ftyp, head, meta(base), box("mdat", {mdat}), tail});
   }
@@ -156,7 +156,8 @@ File aux_of_1(const char *urn) {
   return f;
 }
 
-enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb, kFrameSize, kPrimary, kGainMap, kFlags2 };
+enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb, kFrameSize, kPrimary, kGainMap, kFlags2, kBrand,
+             kGroups };
 
 struct Case {
   const char *name;
@@ -193,6 +194,8 @@ const Case kCases[] = {
      0, kFrame64, 0, "box type : 1701211753 is in ipco box", "tarnd_parse"},
     {"hdlr_shorter_than_fixed_fields", [] { File f; f.hdlr = fullbox("hdlr", 0, 0, {u32(0)}); return f; },
      0, kFrame64, 0, "", nullptr},
+    {"ftyp_without_compatible_brands", [] { File f; f.ftyp = box("ftyp", {fourcc("heic"), u32(0)}); return f; },
+     0, kBrand, 1, "", nullptr},
     // Item information and 16- versus 32-bit ids.
     {"pitm_v1_id_above_16_bits", [] { File f; f.pitm = fullbox("pitm", 1, 0, {u32(0x10001)}); return f; },
      -2, kNone, 0, "parser_pitm : item id is too big(65537)", "tarnd_handlers"},
@@ -206,6 +209,11 @@ const Case kCases[] = {
     {"infe_v3_id_above_16_bits", [] { File f;
        f.infes = {fullbox("infe", 3, 0, {u32(0x12345), u16(0), fourcc("hvc1")})}; return f; },
      -2, kNone, 0, "parser_infe : item id is too big(74565)", "tarnd_handlers"},
+    {"infe_v3_and_iref_v1_largest_id", [] { File f; f.pitm = fullbox("pitm", 0, 0, {u16(0xffff)});
+       f.infes = {fullbox("infe", 3, 0, {u32(0xffff), u16(0), fourcc("hvc1"), str("")})}; f.locs = {{0xffff, 0, 10, 0}};
+       f.ipma_box = fullbox("ipma", 0, 0, {u32(1), u16(0xffff), u8(2), u8(0x81), u8(0x82)});
+       f.more = iref(box("thmb", {u32(0xffff), u16(1), u32(0xffff)}), 1); return f; },
+     0, kThumb, 0, "", nullptr},
     {"ipma_names_missing_items", [] { File f; f.ipma_box = ipma({{0, 0x81}, {7, 0x81}, {1, 0x81, 0x82}});
        return f; },
      0, kFrame64, 0, "", nullptr},
@@ -253,11 +261,18 @@ const Case kCases[] = {
     {"ipco_payload_7", [] { File f; f.ipco = zeros(7); return f; },
      -2, kNone, 0, "parser_ipco : invalid item property count(0)", "tarnd_handlers"},
     {"second_ipco", [] { File f; f.iprp = box("iprp", {box("ipco", {f.ipco}),
-       f.ipma_box, box("ipco", {ispe(1, 1)})}); return f; },
-     0, kFrame64, 0, "parser_ipco : duplicated ipco box", "tarnd_handlers"},
+       f.ipma_box, box("ipco", {ispe(1, 1)})}); f.more = iref(ref("thmb", 1, {1})); return f; },
+     0, kThumb, -1, "parser_ipco : duplicated ipco box", "tarnd_handlers"},
     {"property_before_ipco", [] { File f; f.iprp = box("iprp", {ispe(1, 1), box("ipco", {f.ipco}),
        f.ipma_box}); return f; },
      -2, kNone, 0, "parser_ispe : abnormal file. maybe ipco box does not exist.", "tarnd_handlers"},
+    {"clap_before_ipco", [] { File f; f.iprp = box("iprp", {clap({}), box("ipco", {f.ipco}), f.ipma_box}); return f; },
+     -2, kNone, 0, "parser_clap : abnormal file. maybe ipco box does not exist.", "tarnd_handlers"},
+    {"auxC_before_ipco", [] { File f; f.iprp = box("iprp", {fullbox("auxC", 0, 0, {}), box("ipco", {f.ipco}),
+       f.ipma_box}); return f; },
+     -2, kNone, 0, "parser_auxC : abnormal file. maybe ipco box does not exist.", "tarnd_handlers"},
+    {"hvcC_before_ipco", [] { File f; f.iprp = box("iprp", {hvcc(), box("ipco", {f.ipco}), f.ipma_box}); return f; },
+     -2, kNone, 0, "parser_hvcC : abnormal file. maybe ipco box does not exist.", "tarnd_handlers"},
     {"ipma_entries_beyond_payload", [] { File f;
        f.ipma_box = fullbox("ipma", 0, 0, {u32(10), u16(1), u8(1), u8(0x81)}); return f; },
      -2, kNone, 0, "atom data size is abnormal. atom data size : 8, entry_cnt : 10", "tarnd_handlers"},
@@ -287,12 +302,15 @@ const Case kCases[] = {
     // References and groups.
     {"iref_from_missing_item", [] { File f; f.more = iref(ref("thmb", 9, {1})); return f; },
      0, kNone, 0, "parser_single_iref : valid index for from_item(9) could not be found", "tarnd_handlers"},
-    {"iref_to_missing_item", [] { File f; f.more = iref(ref("dimg", 1, {9})); return f; },
-     0, kNone, 0, "parser_single_iref : valid index for to_item(9) could not be found", "tarnd_handlers"},
+    {"iref_to_missing_item", [] { File f;
+       f.more = iref(cat({ref("dimg", 1, {9}), ref("thmb", 1, {1})})); return f; },
+     0, kThumb, -1, "parser_single_iref : valid index for to_item(9) could not be found", "tarnd_handlers"},
     {"iref_count_beyond_data", [] { File f; f.more = iref(ref("thmb", 1, {1}, 0xffff)); return f; },
      0, kThumb, -1, "", nullptr},
     {"iref_to_itself", [] { File f; f.more = iref(ref("thmb", 1, {1})); return f; },
      0, kThumb, 0, "", nullptr},
+    {"thmb_marks_no_auxiliary", [] { File f = two_items(); f.more = iref(ref("thmb", 1, {2})); return f; },
+     0, kFlags2, 0, "", nullptr},
     {"iref_cycle", [] { File f = grid(cat({u16(0), u16(0), u32(0x00400040)}), {2});
        f.more = iref(cat({ref("dimg", 1, {2}), ref("dimg", 2, {3}), ref("dimg", 3, {1})})); return f; },
      0, kGrid, 0, "", nullptr},
@@ -302,6 +320,8 @@ const Case kCases[] = {
     {"ster_entities_beyond_payload", [] { File f;
        f.more = box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(0x40000000), u32(1)})}); return f; },
      0, kNone, 0, "ster atom is too small size(24), entityCount(1073741824)", "tarnd_handlers"},
+    {"ster_without_entities", [] { File f; f.more = box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(0)})}); return f; },
+     0, kGroups, 1, "", nullptr},
     // Grids.
     {"grid_layout_wants_more_tiles", [] { return grid(cat({u16(0x0001), u16(0x0101), u32(0x00800080)})); },
      0, kRefs4, 0, "", nullptr},
@@ -357,6 +377,9 @@ const ModeCase kModeCases[] = {
      {0, 6, nullptr, nullptr}, {0, 10, nullptr, nullptr}},
     {"mode_second_extent_past_file", [] { return two_extents(1000); }, kFrame64,
      {0, -1, nullptr, nullptr}, {0, -6, nullptr, nullptr}},
+    {"mode_grid_first_extent_past_file", [] { File f = grid(cat({u16(0), u16(0x0101), u32(0x00400040)}));
+       f.split = {{1000, 4}, {0, 4}}; return f; }, kGrid,
+     {0, -2, "tarnd_get_info_item : grid data size is invalid(4)", "tarnd"}, {0, -1, nullptr, nullptr}},
     {"mode_overlay_primary", [] { File f; f.infes = {infe(2, "hvc1"), infe(3, "iovl")};
        f.locs = {{2, 0, 10, 0}, {3, 0, 0, 0}}; f.ipma_box = ipma({{2, 0x81, 0x82}, {3, 0x82}});
        f.pitm = fullbox("pitm", 0, 0, {u16(3)}); f.more = iref(ref("dimg", 3, {2})); return f; }, kPrimary,
@@ -418,8 +441,12 @@ int32_t ask(void *h, Query q) {
     case kFlags2: {
       tarnd_image_info info = {};
       const int32_t s = tarnd_get_info_image(h, 2, &info);
-      return s == 0 ? int32_t(info.flags & (TARND_ITEM_AUX_ALPHA | TARND_ITEM_AUX_GAINMAP)) : s;
+      return s == 0 ? int32_t(info.flags & (TARND_ITEM_AUX_ALPHA | TARND_ITEM_AUX_GAINMAP | TARND_ITEM_HAS_AUX)) : s;
     }
+    case kBrand:
+      return int32_t(static_cast<tarnd_ctx *>(h)->brand);
+    case kGroups:
+      return int32_t(static_cast<tarnd_ctx *>(h)->meta.group_cnt);
     case kNone:
       break;
   }
@@ -468,6 +495,14 @@ TEST(MalformedFiles, StatusAndLogLine) {
     if (t != nullptr) ask(t, c.query);
     tarnd_delete(t);
   }
+  // A missing source or file record is refused before anything is read.
+  tarnd_io_dsc io;
+  tarnd_io_init_memory(&io, kFrame.data(), kFrame.size());
+  tarnd_file_info info;
+  int32_t err = 0;
+  EXPECT_EQ(tarnd_create(nullptr, 0, &info, &err), nullptr);
+  EXPECT_EQ(tarnd_create(&io, 0, nullptr, &err), nullptr);
+  EXPECT_EQ(err, -6);
 }
 
 TEST(MalformedFiles, StrictAndTolerantSideBySide) {
