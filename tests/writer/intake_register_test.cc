@@ -67,6 +67,11 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
          i->img_type = IMG_TYPE_TMAP;
          i->tmap_size = 5;
        }, false, "gain map info is NULL. size : 5"},
+      {"tone map beyond what idat holds", [](I *i, G *) {
+         i->img_type = IMG_TYPE_TMAP;
+         i->tmap_data = &kByte;
+         i->tmap_size = 0x80000000u;
+       }, false, nullptr},
       {"tone-map grid", [](I *i, G *) { i->img_type = IMG_TYPE_TMAP; }, true,
        "Should not be here. unsupported image type(3)"},
       {"tiles of 4096 x 3073 pixels", [](I *i, G *g) {
@@ -77,8 +82,8 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
        true, nullptr},
       {"tile range short", [](I *, G *g) { g->last_tile_id = 12; }, true,
        "grid tile ids 10..12 do not hold 2 x 2 tiles apart from grid 20"},
-      {"grid id inside the tile range", [](I *, G *g) { g->first_tile_id = 18, g->last_tile_id = 21; },
-       true, "grid tile ids 18..21 do not hold 2 x 2 tiles apart from grid 20"},
+      {"grid id as the last tile id", [](I *, G *g) { g->first_tile_id = 17, g->last_tile_id = 20; },
+       true, "grid tile ids 17..20 do not hold 2 x 2 tiles apart from grid 20"},
       {"grid id other than the item id", [](I *, G *g) { g->grid_item_id = 21; }, true,
        "grid item id(21) differs from item id(20)"},
       {"output larger than the tiles", [](I *, G *g) { g->output_width = 513; }, true,
@@ -109,6 +114,8 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   EXPECT_EQ(mux.image(1, 0, Mux::info_for(fx.single, 4096, 3072)), 0);
   const tarnm_grid_info g{8192, 6144, 24, 32, 10, 10 + 767, 800, 0};
   EXPECT_EQ(mux.image(800, 0, Mux::info_for(fx.tile, 256, 256), &g), 0);
+  const tarnm_grid_info tall{768, 65535, 256, 3, 1000, 1000 + 767, 900, 0};  // 256 rows, 16-bit height
+  EXPECT_EQ(mux.image(900, 0, Mux::info_for(fx.tile, 256, 256), &tall), 0);
   tarnm_image_info deep = Mux::info_for(fx.thumb, 128, 128);
   deep.bit_depth = kDepths;
   deep.bit_depth_info_count = 3;
@@ -218,10 +225,17 @@ TEST(Intake, RefusalsLeaveNothingBehind) {
   uint32_t offset = 77;
   Mux empty;
   EXPECT_EQ(tarnm_put_metadata(empty.ctx, 3, kCodeOnly, 0, &offset), -1);
+  EXPECT_EQ(tarnm_put_metadata(empty.ctx, 3, nullptr, 4, &offset), -1);
+  EXPECT_EQ(tarnm_put_metadata(empty.ctx, 3, kCodeOnly, 0x80000000u, &offset), -1);
   EXPECT_EQ(offset, 77u);
   // A frame under a grid's id, then a tile that never arrives: both refused;
   // the file finishes once the tile is there.
   const Fixture fx;
+  // A frame larger than the heap grown for the registered images is refused.
+  for (uint32_t id : {6u, 7u}) ASSERT_EQ(empty.image(id, 0, Mux::info_for(fx.single, 4096, 3072)), 0);
+  Bytes huge(24u << 20, 0x55);
+  huge[0] = huge[1] = huge[2] = 0, huge[3] = 1;
+  EXPECT_EQ(tarnm_put_frm(empty.ctx, 6, huge.data(), uint32_t(huge.size())), -4);
   Mux mux;
   const tarnm_grid_info g{512, 512, 2, 2, 1, 4, 5, 0};
   ASSERT_EQ(mux.image(5, 0, Mux::info_for(fx.tile, 256, 256), &g), 0);
