@@ -39,11 +39,11 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
   static const auto restart = [](tarnm_state *s) {
     s->last_property_index = s->property_count = s->assoc_count = 0;
   };
-  auto colr = [](uint32_t type) {
-    return [type](tarnm_state *s) {
+  auto colr = [](uint32_t type, uint32_t size = 8) {
+    return [type, size](tarnm_state *s) {
       s->image_info.color_type = type;
       s->image_info.color_data = kBytes;
-      s->image_info.color_size = 8;
+      s->image_info.color_size = size;
       return tarnm_add_element_colr(s);
     };
   };
@@ -60,6 +60,7 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        [](tarnm_state *s) { return tarnm_add_element_itemtyperef(s, 1, fcc("dimg"), 769, kIds); }, -1, nullptr},
       {"nclx of 8 bytes", nullptr, colr(1), -5, "nclx color size is abnormal(8)"},
       {"colour type 4", nullptr, colr(4), -1, "Should not be here. unsupported color type(4)"},
+      {"colour of 4 GiB", nullptr, colr(2, 0xFFFFFFFFu), -1, nullptr},
       {"hvcC beyond one block", nullptr,
        [](tarnm_state *s) { return tarnm_add_element_hvcC(s, kBytes, 4073); }, -5,
        "failed to tarnm_add_element_hvcC!"},
@@ -89,6 +90,9 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        "too many items(65535)"},
       {"hvcC of 2 GiB", nullptr,
        [](tarnm_state *s) { return tarnm_add_hvcc_property(s, kBytes, 0x80000000u); }, -1, nullptr},
+      {"grid record cut short",
+       [](tarnm_state *s) { s->item_data[s->item_data_count++] = {TARNM_ITEM_DATA_GRID, 4, calloc(1, 4)}; },
+       [](tarnm_state *s) { return tarnm_atom_meta(s); }, -1, nullptr},
       // No builder touches a missing state.
       {"no state", nullptr,
        [](tarnm_state *) {
@@ -100,7 +104,22 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
                 tarnm_add_element_pixi(nullptr, 1, d) & tarnm_add_element_clli(nullptr, 1, 1) &
                 tarnm_add_element_ipma(nullptr, 1, 1, d) & tarnm_add_colr_property(nullptr, d, 1) &
                 tarnm_add_hvcc_property(nullptr, d, 1) & tarnm_add_ispe_property(nullptr, 1, 1) &
-                tarnm_add_irot_property(nullptr, 90) & tarnm_add_pixi_property(nullptr, d, 1);
+                tarnm_add_irot_property(nullptr, 90) & tarnm_add_pixi_property(nullptr, d, 1) &
+                tarnm_reallocate_image_buffer(nullptr);
+       },
+       -1, nullptr},
+      // Nor do the lists and raw records take a missing list, element, writer or visitor.
+      {"no list or element", nullptr,
+       [](tarnm_state *s) {
+         static const rawstruct_field kWord[] = {{0, 4, 1, 1}, {0, 0, 0, 0}};
+         uint32_t word = 0;
+         tarn_mblk_iter it;
+         const bool none = tarn_mblk_datasize(nullptr) == 0 && !tarn_mblk_elem_first(nullptr, &it) &&
+                           tarn_rawstruct_write_iter(s, &word, kWord, nullptr, nullptr) == 0;
+         return tarn_mblk_ctor(nullptr, 4) & tarn_mblk_elem_add_with_size(&s->ipco_list, nullptr, 4) &
+                tarn_rawstruct_mwrite(nullptr, &word, kWord) & tarn_rawstruct_mwrite(s, nullptr, kWord) &
+                tarn_rawstruct_iter(&word, kWord, [](void *, const rawstruct_field *, void *) { return 1; }, nullptr) &
+                (none ? -1 : 0);
        },
        -1, nullptr},
   };
@@ -122,6 +141,10 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
   Writer w;  // a lookup of an absent property finds nothing
   EXPECT_EQ(-1, tarnm_get_hvcc_property_index(w.st, kBytes, 2));
   EXPECT_EQ(-1, tarnm_get_ispe_property_index(w.st, 64, 32));
+  static const uint8_t kDepths[3] = {8, 10, 12};
+  ASSERT_EQ(0, tarnm_add_pixi_property(w.st, kDepths, 3));
+  EXPECT_EQ(-1, tarnm_get_pixi_property_index(w.st, kBytes, 3));  // as many channels, other depths
+  EXPECT_EQ(-1, tarnm_get_pixi_property_index(w.st, kDepths, 4));
 }
 
 }  // namespace
