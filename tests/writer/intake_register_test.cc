@@ -261,6 +261,8 @@ TEST(Finalise, MetadataFollowsTheFrameInMdat) {
   i.xmp_data = kXmp;
   i.xmp_size = sizeof kXmp;
   ASSERT_EQ(mux.image(1, 0, i), 0);
+  // An image whose frame never comes: only its item description names id 2.
+  ASSERT_EQ(mux.image(2, 0, Mux::info_for(fx.thumb, 128, 128)), 0);
   ASSERT_EQ(mux.frame(1, fx.single), 0);
   ASSERT_EQ(mux.cover(1), 0);
   uint32_t offset = 0;
