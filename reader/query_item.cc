@@ -52,8 +52,7 @@ tarnd_ctx *context_of(void *handle) {
 tarnd_item *find_item(tarnd_ctx *ctx, int32_t item_id, const char *caller) {
   uint32_t index = 0;
   const uint32_t id = static_cast<uint32_t>(item_id);
-  if (tarnd_find_itemIndex(ctx->meta.items, ctx->meta.item_cnt, id, &index) != 0 ||
-      index >= ctx->meta.item_cnt) {
+  if (tarnd_find_itemIndex(ctx->meta.items, ctx->meta.item_cnt, id, &index) != 0) {
     TARN_LOGW(kTag, "%s : valid index for item(%d) could not be found", caller, item_id);
     return nullptr;
   }

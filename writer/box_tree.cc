@@ -101,7 +101,7 @@ extern "C" int32_t tarnm_atom_meta(tarnm_state *state) {
   uint64_t payload = 0;
   for (const atom_desc *d = atom_meta_template; d->fcc != TARNM_ATOM_END; ++d) {
     uint64_t c = 0;
-    if (atom_visit_size_inner(d, state, &c) != 0) return -1;
+    atom_visit_size_inner(d, state, &c);
     if (c) payload += full_size(d, c);
   }
   const uint64_t required = tarnm_atomf_size(payload);

@@ -104,7 +104,7 @@ bool write_metadata_items(tarnm_state *state) {
     }
     const uint32_t offset = static_cast<uint32_t>(state->write_ptr - state->heap);
     if (tarnm_add_iloc_entry(state, id, 0, offset, e.size) != 0) return false;
-    if (tarn_chunk_dump(state, e.data, static_cast<int32_t>(e.size), 1) != 0) return false;
+    tarn_chunk_dump(state, e.data, static_cast<int32_t>(e.size), 1);  // the room is reserved above
     e.offset = offset;
   }
   return true;
@@ -134,7 +134,7 @@ bool finish(tarnm_state *state) {
   state->last_item_id = largest_item_id(state);
   if (!write_metadata_items(state) || !write_groups(state)) return false;
   if (tarnm_atom_meta(state) != 0) return false;
-  if (state->mdat_size > 0xFFFFFFFFu - kMdatHeaderSize) return false;
+  // mdat holds no more than the heap, which stays below 2 GiB.
   put_be32(state->heap + state->mdat_offset, state->mdat_size + kMdatHeaderSize);
   return true;
 }
