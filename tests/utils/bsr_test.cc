@@ -105,6 +105,11 @@ TEST(BitReader, AReadAcrossTheEndGetsZeroBits) {
   EXPECT_EQ(omni_bsr_read(&bs, 16), 0x89A0u);
   omni_bsr_init(&bs, nullptr, 100, nullptr);  // a null buffer is empty whatever its size
   EXPECT_EQ(omni_bsr_read(&bs, 1), kEnd);
+  bs = reader(buf, nullptr);  // a set bit is a value, not the end
+  uint8_t bit = 0;
+  EXPECT_EQ(omni_bsr_read1_value(&bs, &bit) + bit, 0);
+  omni_bsr_skip(&bs, 2);
+  EXPECT_EQ(omni_bsr_read1_value(&bs, &bit) + bit, 1);
 }
 
 TEST(LittleEndianBitReader, ReadsLowBitsFirst) {
@@ -123,6 +128,9 @@ TEST(LittleEndianBitReader, ReadsLowBitsFirst) {
       EXPECT_EQ(s.first > 0 ? omni_bsr_le_read(&bs, s.first) : s.second, s.second) << &c - kCases;
     }
   }
+  const Bytes two = {0x5A, 0xC3};
+  omni_bsr one = reader(two, omni_bsr_le_flush);  // a refill of one byte takes that byte only
+  EXPECT_EQ(omni_bsr_le_flush(&one, 1) + one.code, 0x5Au);
 }
 
 TEST(BitWriter, StopsAtTheEndOfTheBuffer) {
