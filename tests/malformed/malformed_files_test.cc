@@ -157,7 +157,7 @@ File aux_of_1(const char *urn) {
 }
 
 enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb, kFrameSize, kPrimary, kGainMap, kFlags2, kBrand,
-             kGroups };
+             kGroups, kMeasure, kExif };
 
 struct Case {
   const char *name;
@@ -247,6 +247,10 @@ const Case kCases[] = {
        f.iloc = fullbox("iloc", 0, 0, {u8(0x88), u8(0), u16(1), u16(1), u16(0), u16(1), u64(~0ull - 15),
        u64(32)}); return f; },
      0, kFrame64, -1, "", nullptr},
+    {"exif_offset_plus_header_overflows", [] { File f; f.infes = {infe(1, "hvc1"), infe(2, "Exif", 1)};
+       f.iloc = fullbox("iloc", 0, 0, {u8(0x88), u8(0), u16(2), u16(1), u16(0), u16(1), u64(0), u64(10), u16(2),
+       u16(0), u16(1), u64(~0ull - 1), u64(20)}); f.more = iref(ref("cdsc", 2, {1})); return f; },
+     0, kExif, -1, "", nullptr},
     {"extent_past_idat", [] { File f; f.iloc_version = 1; f.locs = {{1, 0, 100, 1}};
        f.more = box("idat", {kFrame}); return f; },
      0, kFrame64, -6, "", nullptr},
@@ -255,6 +259,8 @@ const Case kCases[] = {
     {"nal_length_is_last_in_item", [] { File f; f.mdat = cat({kFrame, u32(5)}); f.locs = {{1, 0, 14, 0}};
        return f; },
      0, kFrame64, -3, "", nullptr},
+    {"jpeg_measured_without_buffer", [] { File f; f.infes = {infe(1, "jpeg")}; return f; },
+     0, kMeasure, 10, "", nullptr},
     {"nal_longer_than_item_is_cut", [] { File f; f.mdat = cat({u32(1000), zeros(6)}); return f; },
      0, kFrame64, 0, "", nullptr},
     // Properties and associations.
@@ -442,6 +448,15 @@ int32_t ask(void *h, Query q) {
       tarnd_image_info info = {};
       const int32_t s = tarnd_get_info_image(h, 2, &info);
       return s == 0 ? int32_t(info.flags & (TARND_ITEM_AUX_ALPHA | TARND_ITEM_AUX_GAINMAP | TARND_ITEM_HAS_AUX)) : s;
+    }
+    case kExif: {
+      tarnd_item_data d = {};
+      return tarnd_get_info_item(h, 1, TARND_INFO_EXIF, &d);
+    }
+    case kMeasure: {
+      int32_t size = -1;
+      const int32_t s = tarnd_get_image_frm(h, 1, nullptr, 0, &size);
+      return s == 0 ? size : s;
     }
     case kBrand:
       return int32_t(static_cast<tarnd_ctx *>(h)->brand);
