@@ -32,9 +32,9 @@ static size_t file_write(void *handle, const void *data, size_t count) {
   return written;
 }
 
+// Called once, with the handle file_open returned: the record of an open stream.
 static void file_close(void *handle) {
   tarnm_file_output *out = static_cast<tarnm_file_output *>(handle);
-  if (!out || !out->file) return;
   if (fclose(static_cast<FILE *>(out->file)) != 0) out->failed = 1;
   out->file = nullptr;
 }

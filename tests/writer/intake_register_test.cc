@@ -124,6 +124,9 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   deep.color_data = kIcc;
   deep.color_size = sizeof kIcc;
   EXPECT_EQ(mux.image(801, 0, deep), 0);
+  tarnm_image_info stale = Mux::info_for(fx.thumb, 128, 128);
+  stale.param_sets.pps_size[1] = 9;  // past pps_count: never read
+  EXPECT_EQ(mux.image(803, 0, stale), 0);
   // Equal hvcC, ispe, pixi and colour are one box each.
   const uint32_t boxes = mux.st().ipco_list.elem_count;
   EXPECT_EQ(mux.image(802, 0, deep), 0);
