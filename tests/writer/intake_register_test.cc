@@ -142,6 +142,16 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   e.xmp_data = nullptr, e.xmp_size = 0;
   EXPECT_EQ(full.image(128, 0, e), 0);
   EXPECT_EQ(full.image(129, 0, e), -1);
+  // A pixi that would be the 128th property fails the whole registration.
+  Mux many;
+  tarnm_image_info p = Mux::info_for(fx.thumb, 128, 128);
+  p.bit_depth = kDepths, p.bit_depth_info_count = 1;
+  for (uint32_t id = 1; id <= 125; ++id) {
+    p.width = 8 * id;
+    ASSERT_EQ(many.image(id, 0, p), 0);
+  }
+  p.width = 8, p.bit_depth_info_count = 2;
+  EXPECT_EQ(many.image(126, 0, p), -1);
   EXPECT_EQ(tarnm_set_cover_image(mux.ctx, -1), -1);
   EXPECT_EQ(tarnm_set_cover_image(nullptr, 1), -1);
 }
