@@ -363,6 +363,10 @@ const ModeCase kModeCases[] = {
        f.more = iref(ref("thmb", 2, {1})); return f; }, kThumb,
      {-2, 0, "item_ID does not increase. previous(2), current(1)", "tarnd_handlers"},
      {0, 0, nullptr, nullptr}},
+    {"mode_id_0_among_unordered_ids", [] { File f; f.pitm = fullbox("pitm", 0, 0, {u16(0)});
+       f.infes = {infe(2, "hvc1", 1), infe(1, "hvc1"), infe(0, "mime", 1), infe(3, "hvc1", 1)}; return f; }, kPrimary,
+     {-2, 0, "item_ID does not increase. previous(2), current(1)", "tarnd_handlers"},
+     {0, 0, "Warning! item count of iloc is less than it of iinf!", "tarnd_handlers"}},
     {"mode_all_boxes_descending", [] { File f = two_items(); f.infes = {f.infes[1], f.infes[0]};
        f.locs = {f.locs[1], f.locs[0]}; f.more = iref(ref("thmb", 2, {1})); return iloc_first(f); }, kThumb,
      {0, -1, "item_ID does not increase. previous(2), current(1)", "tarnd_handlers"},
