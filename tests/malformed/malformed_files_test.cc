@@ -236,6 +236,9 @@ const Case kCases[] = {
        f.iloc = fullbox("iloc", 2, 0, {u8(0x44), u8(0), u32(1), u32(70000), u16(0), u16(0), u16(1), u32(0),
        u32(10)}); return f; },
      -2, kNone, 0, "parser_iloc : item id is too big(70000)", "tarnd_handlers"},
+    {"iloc_length_cut_by_end_of_file", [] { File f; f.tail = cat({u32(30), fourcc("iloc"), u32(0), u8(0x44), u8(0),
+       u16(1), u16(1), u16(0), u16(1), u32(0), u16(0)}); return f; },
+     0, kFrameSize, 10, "", nullptr},
     {"iloc_v2_wide_ids", [] { File f; f.iloc_version = 2; return f; },
      0, kFrame64, 0, "", nullptr},
     {"iloc_extent_index_missing", [] { File f;
