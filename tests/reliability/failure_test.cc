@@ -102,7 +102,7 @@ int32_t write_file(tarnm_ctx **out) {
   return tarnm_stop_muxing(*out);
 }
 
-Bytes reference_file() {
+[[maybe_unused]] Bytes reference_file() {
   tarnm_ctx *w = nullptr;
   Bytes file;
   if (write_file(&w) == 0) {
