@@ -153,6 +153,7 @@ TEST(Query, ItemInformation) {
       {"no XMP", {2, "Exif", exif}, TARND_INFO_XMP, 1, 0, {77}, {}},
       {"tone map in idat", {2, "tmap", tmap, 1}, TARND_INFO_TONEMAP, 2, 0, {2}, u16(0xAABB)},
       {"tone map in the file", {2, "tmap", tmap}, TARND_INFO_TONEMAP, 2, 0, {2}, u16(0xAABB)},
+      {"tone map past the file", {2, "tmap", tmap, 0, -1, 100000}, TARND_INFO_TONEMAP, 2, -1, {77}, {}},
       {"tone map of 1 byte", {2, "tmap", u8(0)}, TARND_INFO_TONEMAP, 2, -2, {0}, {}},
       {"tone map past idat", {2, "tmap", cat({u8(0), u16(1)}), 1, 9}, TARND_INFO_TONEMAP, 2, -2, {77}, {}},
       {"tone-map kind on an image", {2, "tmap", u16(1)}, TARND_INFO_TONEMAP, 1, 0, {77}, {}},

@@ -59,6 +59,7 @@ TEST(KeyFrame, HeaderRules) {
       {103, {0, 0, 0x80, 2, 0x1C, 0x10, 0, 0}, 0}, {103, {0, 0, 0x80, 2, 0x1C, 0x80, 0, 0}, 1},
       {103, {0, 0, 0x80, 2, 0x1C, 0x80, 0}, 0}, {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0}, 0},
       {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0, 0}, 1}, {111, {0, 0, 0x84, 1, 0, 0, 0x60}, 1},
+      {102, {0, 0, 1, 0xB6, 0}, 1},
       // AVC IDR start code filling the frame; MPEG-4 start code of another unit; a zero run after a header
       {104, {0, 0, 1, 0x65}, 1}, {102, {0, 0, 1, 0x20, 0}, 0}, {103, {0, 0, 1, 0x80, 2, 0, 0, 0}, 0}};
   for (const auto &[type, f, key] : kCases) EXPECT_EQ(key_of(type, f.data(), f.size()), key) << type;
@@ -85,6 +86,7 @@ TEST(MediaType, LookupsAndPrecedence) {
   for (const auto &c : kLogs)
     EXPECT_EQ(std::make_pair(omni_ceil_log2(uint32_t(c[0])), omni_floor_log2(uint32_t(c[0]))),
               std::make_pair(int32_t(c[1]), int32_t(c[2])));
+  EXPECT_EQ(omni_imgb_get_plane_count(600) * 10 + omni_imgb_get_plane_count(8), 30u);  // 8 is no format
   omni_imgb_dump(nullptr);
 }
 

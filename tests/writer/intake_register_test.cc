@@ -80,6 +80,8 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
        }, true, nullptr},
       {"1 x 769 tiles", [](I *, G *g) { g->rows = 1, g->columns = 769, g->last_tile_id = 778; },
        true, nullptr},
+      {"tile ids past 65535", [](I *, G *g) { g->first_tile_id = 65533, g->last_tile_id = 65536; }, true,
+       "grid tile ids 65533..65536 do not hold 2 x 2 tiles apart from grid 20"},
       {"tile range short", [](I *, G *g) { g->last_tile_id = 12; }, true,
        "grid tile ids 10..12 do not hold 2 x 2 tiles apart from grid 20"},
       {"grid id as the last tile id", [](I *, G *g) { g->first_tile_id = 17, g->last_tile_id = 20; },
