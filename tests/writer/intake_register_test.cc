@@ -116,6 +116,8 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   EXPECT_EQ(mux.image(1, 0, Mux::info_for(fx.single, 4096, 3072)), 0);
   const tarnm_grid_info g{8192, 6144, 24, 32, 10, 10 + 767, 800, 0};
   EXPECT_EQ(mux.image(800, 0, Mux::info_for(fx.tile, 256, 256), &g), 0);
+  const tarnm_grid_info row{16384, 64, 1, 256, 2000, 2255, 2300, 0};  // the widest row of tiles
+  EXPECT_EQ(mux.image(2300, 0, Mux::info_for(fx.tile, 64, 64), &row), 0);
   const tarnm_grid_info tall{768, 65535, 256, 3, 1000, 1000 + 767, 900, 0};  // 256 rows, 16-bit height
   EXPECT_EQ(mux.image(900, 0, Mux::info_for(fx.tile, 256, 256), &tall), 0);
   tarnm_image_info deep = Mux::info_for(fx.thumb, 128, 128);
