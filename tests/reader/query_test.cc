@@ -155,6 +155,7 @@ TEST(Query, ItemInformation) {
       {"tone map in the file", {2, "tmap", tmap}, TARND_INFO_TONEMAP, 2, 0, {2}, u16(0xAABB)},
       {"tone map past the file", {2, "tmap", tmap, 0, -1, 100000}, TARND_INFO_TONEMAP, 2, -1, {77}, {}},
       {"tone map of 1 byte", {2, "tmap", u8(0)}, TARND_INFO_TONEMAP, 2, -2, {0}, {}},
+      {"tone map of 2 bytes", {2, "tmap", cat({u8(0), u8(7)})}, TARND_INFO_TONEMAP, 2, 0, {1}, u8(7)},
       {"tone map past idat", {2, "tmap", cat({u8(0), u16(1)}), 1, 9}, TARND_INFO_TONEMAP, 2, -2, {77}, {}},
       {"tone-map kind on an image", {2, "tmap", u16(1)}, TARND_INFO_TONEMAP, 1, 0, {77}, {}},
       {"kind 1", {2, "grid", grid16}, 1, 2, -2, {77, 77, 77, 77}, {}},

@@ -145,7 +145,7 @@ TEST(BitWriter, StopsAtTheEndOfTheBuffer) {
     Bytes buf(size + 4, 0), want(bytes);  // the writer gets a prefix: nothing past it changes
     want.resize(buf.size());
     omni_bsw bw{};
-    omni_bsw_init(&bw, size ? buf.data() : nullptr, size, nullptr);
+    omni_bsw_init(&bw, buf.data(), size, nullptr);
     for (const auto &w : writes) {
       const auto value = static_cast<uint32_t>(w[0]);
       const auto width = static_cast<int32_t>(w[1]);
