@@ -44,16 +44,14 @@ static uint64_t full_size(const atom_desc *desc, uint64_t payload) {
   return desc->full_box ? tarnm_atomf_size(payload) : tarnm_atom_size(payload);
 }
 
-int32_t atom_visit_size_inner(const atom_desc *desc, tarnm_state *state, uint64_t *acc) {
-  if (!desc || !state || !acc) return 0;
+uint64_t atom_visit_size_inner(const atom_desc *desc, tarnm_state *state) {
+  if (!desc || !state) return 0;
   uint64_t total = desc->size_proc ? desc->size_proc(desc->arg, state) : 0;
   for (const atom_desc *child = desc->child; child && child->fcc != TARNM_ATOM_END; ++child) {
-    uint64_t c = 0;
-    atom_visit_size_inner(child, state, &c);
+    const uint64_t c = atom_visit_size_inner(child, state);
     if (c) total += full_size(child, c);
   }
-  *acc += total;
-  return 0;
+  return total;
 }
 
 int32_t atom_visit_write(const atom_desc *desc, tarnm_state *state) {
@@ -72,8 +70,7 @@ int32_t atom_visit_write(const atom_desc *desc, tarnm_state *state) {
       rc = -1;
       break;
     }
-    uint64_t payload = 0;
-    atom_visit_size_inner(desc, state, &payload);
+    const uint64_t payload = atom_visit_size_inner(desc, state);
     if (payload) {
       if (tarnm_atom_header(state, desc->fcc, payload, static_cast<int32_t>(desc->full_box),
                             desc->version, desc->flags) != 0) {
@@ -100,8 +97,7 @@ extern "C" int32_t tarnm_atom_meta(tarnm_state *state) {
   if (!state) return -1;
   uint64_t payload = 0;
   for (const atom_desc *d = atom_meta_template; d->fcc != TARNM_ATOM_END; ++d) {
-    uint64_t c = 0;
-    atom_visit_size_inner(d, state, &c);
+    const uint64_t c = atom_visit_size_inner(d, state);
     if (c) payload += full_size(d, c);
   }
   const uint64_t required = tarnm_atomf_size(payload);

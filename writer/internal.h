@@ -194,9 +194,9 @@ extern const atom_desc atom_meta_template[];
 extern const rawstruct_field rawstruct_hdlr[];
 extern const rawstruct_field rawstruct_pitm[];
 
-// Adds the payload length of desc (own size routine plus its non-empty
-// children's full sizes) to *acc; always 0.
-int32_t atom_visit_size_inner(const atom_desc *desc, tarnm_state *state, uint64_t *acc);
+// Payload length of desc: its own size routine plus its non-empty
+// children's full sizes.
+uint64_t atom_visit_size_inner(const atom_desc *desc, tarnm_state *state);
 // Writes one box, then its children. 0 or -1.
 int32_t atom_visit_write(const atom_desc *desc, tarnm_state *state);
 

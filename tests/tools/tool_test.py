@@ -13,6 +13,7 @@ import re
 import shutil
 import subprocess
 import sys
+import threading
 
 SKIP = 77
 failures = []
@@ -459,7 +460,7 @@ def case_edit(a):
     # Round trips: an edit without options keeps images, metadata sizes,
     # coded streams and decoded pixels. Files go through a pool, each with a
     # folder of its own: the checker and the decoder are separate processes.
-    pixel_kinds = set()
+    pixel_kinds, pixel_lock = set(), threading.Lock()
 
     def round_trip(item):
         n, (name, path) = item
@@ -497,9 +498,11 @@ def case_edit(a):
         # each combination of those that the corpus has.
         kind = json.dumps(sorted({json.dumps([i["type"], i["roles"], i["rotation"], bool(i["grid"]),
                                               (i["colour"] or {}).get("type")]) for i in info_in["images"]}))
-        same = 0
-        if convert and kind not in pixel_kinds:
+        with pixel_lock:
+            first_of_kind = kind not in pixel_kinds
             pixel_kinds.add(kind)
+        same = 0
+        if convert and first_of_kind:
             pix_in, pix_out = decoded_pngs(convert, path, own), decoded_pngs(convert, result, own)
             same = check(pix_out and set(pix_out) <= set(pix_in), f"{name}: decoded pixels differ")
         shutil.rmtree(own)
