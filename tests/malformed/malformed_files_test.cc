@@ -29,25 +29,12 @@ struct Loc {
   uint16_t method;
 };
 
-Bytes infe(uint16_t id, const char *type, uint32_t flags = 0) {
-  return fullbox("infe", 2, flags, {u16(id), u16(0), fourcc(type), str("")});
-}
-Bytes ispe(uint32_t w, uint32_t h) { return fullbox("ispe", 0, 0, {u32(w), u32(h)}); }
-// hvcC with 4-byte NAL lengths and the given arrays.
-Bytes hvcc(const Bytes &arrays = {}, uint8_t array_cnt = 0) {
-  return box("hvcC", {zeros(21), u8(0xff), u8(array_cnt), arrays});
-}
 Bytes clap(std::vector<int32_t> v) {
   Bytes b;
   for (int32_t x : v) append(&b, u32(static_cast<uint32_t>(x)));
   return box("clap", {b});
 }
 Bytes iref(const Bytes &refs, uint8_t version = 0) { return fullbox("iref", version, 0, {refs}); }
-Bytes ref(const char *type, uint16_t from, std::vector<uint16_t> to, int count = -1) {
-  Bytes b = cat({u16(from), u16(static_cast<uint16_t>(count < 0 ? to.size() : size_t(count)))});
-  for (uint16_t t : to) append(&b, u16(t));
-  return box(type, {b});
-}
 // ipma version 0: one entry per item, 1-byte indices.
 Bytes ipma(std::vector<std::vector<uint8_t>> entries) {
   Bytes b = u32(static_cast<uint32_t>(entries.size()));
@@ -64,9 +51,9 @@ const Bytes kFrame = {0, 0, 0, 6, 0x26, 0x01, 0xaf, 0x10, 0x20, 0x30};
 // ftyp, meta, mdat. Item 1 is a 64x64 hvc1 image holding kFrame; a case
 // replaces the piece it breaks.
 struct File {
-  Bytes ftyp = box("ftyp", {fourcc("heic"), u32(0), fourcc("mif1"), fourcc("heic")});
+  Bytes ftyp = bb::ftyp();
   Bytes head;  // between ftyp and meta
-  Bytes hdlr = fullbox("hdlr", 0, 0, {u32(0), fourcc("pict"), zeros(12), str("")});
+  Bytes hdlr = bb::hdlr();
   Bytes pitm = fullbox("pitm", 0, 0, {u16(1)});
   std::vector<Bytes> infes = {infe(1, "hvc1")};
   Bytes iinf;  // built from infes unless set
@@ -157,7 +144,7 @@ File aux_of_1(const char *urn) {
 }
 
 enum Query { kNone, kFrame64, kInfoImage, kGrid, kRefs4, kThumb, kFrameSize, kPrimary, kGainMap, kFlags2, kBrand,
-             kGroups, kMeasure, kExif };
+             kGroups, kMeasure, kExif, kMdat, kAuxSubtype };
 
 struct Case {
   const char *name;
@@ -187,6 +174,12 @@ const Case kCases[] = {
        for (int i = 0; i < 12; ++i) f.head = box("dinf", {f.head});
        f.head = box("dinf", {f.head, box_sized(0x7fffffff, "free")}); return f; },
      0, kFrame64, 0, "", nullptr},
+    {"unknown_boxes_8193_pass", [] { File f; f.head = cat(std::vector<Bytes>(8193, box("zzzz"))); return f; },
+     0, kFrame64, 0, "", nullptr},
+    {"unknown_boxes_8194_stop", [] { File f; f.head = cat(std::vector<Bytes>(8194, box("zzzz"))); return f; },
+     -2, kNone, 0, "Too much unknown atom (8194)", "tarnd_parse"},
+    {"mdat_of_2_GiB_located_not_read", [] { File f; f.tail = cat({u32(1), fourcc("mdat"), u64(0x80000010)}); return f; },
+     0, kMdat, 0x40000008, "", nullptr},
     {"trld_past_file", [] { File f; f.tail = box_sized(1000, "trld", {zeros(4)}); return f; },
      0, kNone, 0, "trld size is not matched", "tarnd_parse"},
     {"item_box_inside_ipco", [] { File f; f.ipco = cat({infe(5, "hvc1"), hvcc(), ispe(64, 64)});
@@ -244,6 +237,10 @@ const Case kCases[] = {
     {"iloc_extent_index_missing", [] { File f;
        f.iloc = fullbox("iloc", 1, 0, {u8(0), u8(0x04), u16(1), u16(1), u16(0), u16(0), u16(1)}); return f; },
      -2, kNone, 0, "ctx->meta.properties is NULL", "tarnd"},
+    {"iloc_three_extents_and_base_offset_last_stays", [] { File f; f.iloc = fullbox("iloc", 1, 0, {u8(0x44), u8(0x40),
+       u16(1), u16(1), u16(1), u16(0), u32(1000), u16(3), u32(1), u32(2), u32(3), u32(4), u32(50), u32(10)});
+       f.more = box("idat", {zeros(1050), kFrame}); return f; },
+     0, kFrameSize, 10, "", nullptr},
     {"extent_past_end_of_file", [] { File f; f.locs = {{1, 0, 1000, 0}}; return f; },
      0, kFrame64, -6, "", nullptr},
     {"extent_offset_plus_length_overflows", [] { File f;
@@ -293,6 +290,9 @@ const Case kCases[] = {
     {"auxC_type_without_nul", [] { File f;
        f.ipco = cat({hvcc(), ispe(64, 64), fullbox("auxC", 0, 0, {raw("urn:x")})}); return f; },
      0, kFrame64, 0, "aux data is abnormal", "tarnd_handlers"},
+    {"auxC_alpha_with_subtype", [] { File f; f.ipco = cat({hvcc(), ispe(64, 64), fullbox("auxC", 0, 0,
+       {str("urn:mpeg:hevc:2015:auxid:1"), u32(2), u16(0xabcd)})}); f.ipma_box = ipma({{1, 0x81, 0x82, 0x83}}); return f; },
+     0, kAuxSubtype, 0x2cd, "", nullptr},
     {"hvcC_nal_length_past_box", [] { File f;
        f.ipco = cat({hvcc(cat({u8(33), u16(1), u16(0xffff), zeros(2)}), 1), ispe(64, 64)}); return f; },
      -2, kNone, 0, "ctx->meta.association_list is NULL", "tarnd"},
@@ -331,6 +331,10 @@ const Case kCases[] = {
      0, kNone, 0, "ster atom is too small size(24), entityCount(1073741824)", "tarnd_handlers"},
     {"ster_without_entities", [] { File f; f.more = box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(0)})}); return f; },
      0, kGroups, 1, "", nullptr},
+    {"seventeen_ster_groups", [] { File f;
+       f.more = box("grpl", {cat(std::vector<Bytes>(17, fullbox("ster", 0, 0, {u32(100), u32(2), u32(1), u32(1)})))});
+       return f; },
+     0, kGroups, 16, "too many group count", "tarnd_handlers"},
     // Grids.
     {"grid_layout_wants_more_tiles", [] { return grid(cat({u16(0x0001), u16(0x0101), u32(0x00800080)})); },
      0, kRefs4, 0, "", nullptr},
@@ -469,6 +473,12 @@ int32_t ask(void *h, Query q) {
       return int32_t(static_cast<tarnd_ctx *>(h)->brand);
     case kGroups:
       return int32_t(static_cast<tarnd_ctx *>(h)->meta.group_cnt);
+    case kMdat:
+      return int32_t(static_cast<tarnd_ctx *>(h)->mdat_size >> 1);
+    case kAuxSubtype: {
+      const auto &aux = static_cast<tarnd_ctx *>(h)->meta.properties[2].payload.auxC;
+      return aux.subtype_size == 0 ? -1 : int32_t(aux.subtype_size << 8 | aux.subtype_data[aux.subtype_size - 1]);
+    }
     case kNone:
       break;
   }

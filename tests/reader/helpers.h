@@ -108,56 +108,6 @@ inline std::string corpus_path(const std::string &name) {
   return "";
 }
 
-// Small HEIF files: one hvc1 item with hvcC and ispe, whose boxes a case
-// replaces or extends.
-namespace fx {
-using namespace bb;
-
-inline Bytes ftyp() { return box("ftyp", {fourcc("heic"), u32(0), fourcc("mif1"), fourcc("heic")}); }
-inline Bytes hdlr() { return fullbox("hdlr", 0, 0, {u32(0), fourcc("pict"), zeros(12), str("")}); }
-inline Bytes infe(uint16_t id, const char *type, uint32_t flags = 0) {
-  return fullbox("infe", 2, flags, {u16(id), u16(0), fourcc(type), str("")});
-}
-inline Bytes iinf(std::vector<Bytes> entries) {
-  entries.insert(entries.begin(), u16(uint16_t(entries.size())));
-  return fullbox("iinf", 0, 0, entries);
-}
-// iloc version 0 with 4-byte offsets and lengths, one extent.
-inline Bytes iloc1(uint16_t id, uint32_t offset, uint32_t length) {
-  return fullbox("iloc", 0, 0, {u8(0x44), u8(0), u16(1), u16(id), u16(0), u16(1), u32(offset), u32(length)});
-}
-// hvcC with one VPS, SPS and PPS of 24, 40 and 7 bytes, 4-byte NAL lengths.
-inline Bytes hvcC() {
-  auto array = [](uint8_t type, uint16_t len) {
-    Bytes nal = zeros(len);
-    nal[0] = uint8_t(type << 1);
-    return cat({u8(type), u16(1), u16(len), nal});
-  };
-  return box("hvcC", {u8(1), zeros(20), u8(0xf3), u8(3), array(32, 24), array(33, 40), array(34, 7)});
-}
-inline Bytes ispe(uint32_t w, uint32_t h) { return fullbox("ispe", 0, 0, {u32(w), u32(h)}); }
-// ipma version 0, one entry for item id with the given 1-based indexes.
-inline Bytes ipma1(uint16_t id, std::initializer_list<uint8_t> indexes) {
-  return fullbox("ipma", 0, 0, {u32(1), u16(id), u8(uint8_t(indexes.size())), Bytes(indexes)});
-}
-inline Bytes iprp(const std::vector<Bytes> &props, const Bytes &ipma) {
-  return box("iprp", {box("ipco", props), ipma});
-}
-inline Bytes default_iprp() { return iprp({hvcC(), ispe(64, 48)}, ipma1(1, {0x81, 2})); }
-// ftyp, a meta box holding hdlr and the children, then an 8-byte mdat.
-inline Bytes file(std::vector<Bytes> meta_children) {
-  meta_children.insert(meta_children.begin(), hdlr());
-  return cat({ftyp(), fullbox("meta", 0, 0, meta_children), box("mdat", {zeros(8)})});
-}
-// The valid file with extra boxes appended inside meta.
-inline Bytes valid_file(std::initializer_list<Bytes> extra = {}) {
-  std::vector<Bytes> children{fullbox("pitm", 0, 0, {u16(1)}), iinf({infe(1, "hvc1")}), iloc1(1, 0, 8),
-                              default_iprp()};
-  children.insert(children.end(), extra.begin(), extra.end());
-  return file(children);
-}
-
-}  // namespace fx
 }  // namespace tarn_test
 
 #endif  // TARN_TESTS_READER_HELPERS_H

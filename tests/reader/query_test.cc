@@ -8,7 +8,7 @@
 namespace tarn_test {
 namespace {
 
-using namespace fx;
+using namespace bb;
 
 struct Item {
   uint16_t id;
@@ -28,7 +28,8 @@ struct Assoc {
 Bytes make_file(const std::vector<Item> &items, const std::vector<Bytes> &props, const std::vector<Assoc> &assocs,
                 const std::vector<Bytes> &refs = {}, const Bytes &extra = {}) {
   Bytes mdat, idat;
-  std::vector<Bytes> infes, iloc{u8(0x44), u8(0), u16(uint16_t(items.size()))}, ipma{u32(uint32_t(assocs.size()))};
+  std::vector<Bytes> infes{u16(uint16_t(items.size()))}, iloc{u8(0x44), u8(0), u16(uint16_t(items.size()))},
+      ipma{u32(uint32_t(assocs.size()))};
   for (const auto &it : items) {
     Bytes &store = it.method == 1 ? idat : mdat;
     const uint64_t base = it.method == 1 ? 0 : ftyp().size() + 8;
@@ -41,32 +42,21 @@ Bytes make_file(const std::vector<Item> &items, const std::vector<Bytes> &props,
   for (const auto &a : assocs) ipma.push_back(cat({u16(a.item), u8(uint8_t(a.props.size())), a.props}));
   return cat({ftyp(), box("mdat", {mdat}),
               fullbox("meta", 0, 0,
-                      {hdlr(), iinf(infes), fullbox("iloc", 1, 0, iloc),
+                      {hdlr(), fullbox("iinf", 0, 0, infes), fullbox("iloc", 1, 0, iloc),
                        box("iprp", {box("ipco", props), fullbox("ipma", 0, 0, ipma)}), fullbox("iref", 0, 0, refs),
                        fullbox("pitm", 0, 0, {u16(items.front().id)}), idat.empty() ? Bytes() : box("idat", {idat}),
                        extra})});
 }
 
-Bytes ref(const char *type, uint16_t from, std::vector<uint16_t> to) {
-  Bytes out = cat({u16(from), u16(uint16_t(to.size()))});
-  for (uint16_t t : to) append(&out, u16(t));
-  return box(type, {out});
-}
 Bytes clap(uint32_t w, uint32_t h) {
   return box("clap", {u32(w), u32(1), u32(h), u32(1), u32(0), u32(1), u32(0), u32(1)});
-}
-// hvcC whose NAL length prefixes are prefix_size bytes wide.
-Bytes hvcc(uint8_t prefix_size) {
-  Bytes b = hvcC();
-  b[8 + 21] = uint8_t(0xFC | (prefix_size - 1));
-  return b;
 }
 // Item 1 primary (64x48), 2 its thumbnail, 3 its alpha plane, 4 a tmap over
 // 1 with gain map 5, 6 Exif of 1, 7 a 2x3 grid; a ster group pairs 2 and 3.
 Bytes role_file() {
   return make_file({{1, "hvc1", {}}, {2, "hvc1", {}}, {3, "hvc1", {}}, {4, "tmap", {}}, {5, "hvc1", {}},
                     {6, "Exif", {}}, {7, "grid", {}}},
-                   {hvcc(4), ispe(64, 48), fullbox("auxC", 0, 0, {str("urn:mpeg:hevc:2015:auxid:1")}),
+                   {hvcc(), ispe(64, 48), fullbox("auxC", 0, 0, {str("urn:mpeg:hevc:2015:auxid:1")}),
                     clap(128, 48), clap(32, 24), box("colr", {fourcc("prof"), raw("ICCDATA")})},
                    {{1, {0x81, 2, 6}}, {2, {0x81, 2, 4}}, {3, {0x81, 2, 3, 5}}, {5, {0x81, 2}}, {7, {2}}},
                    {ref("thmb", 2, {1}), ref("auxl", 3, {1}), ref("dimg", 4, {1, 5}), ref("cdsc", 6, {1}),
@@ -165,7 +155,7 @@ TEST(Query, ItemInformation) {
   for (const auto &c : kCases) {
     SCOPED_TRACE(c.name);
     const bool grid = c.kind == TARND_INFO_GRID || c.kind == 1;
-    const Bytes file = make_file({{1, "hvc1", {}}, c.item}, {hvcc(4), ispe(16, 16)}, {{1, {0x81, 2}}, {2, {2}}},
+    const Bytes file = make_file({{1, "hvc1", {}}, c.item}, {hvcc(), ispe(16, 16)}, {{1, {0x81, 2}}, {2, {2}}},
                                  {ref("cdsc", 2, {1})});
     CtxPtr ctx = open_memory(file, nullptr);
     ASSERT_NE(ctx, nullptr);

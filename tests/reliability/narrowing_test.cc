@@ -50,19 +50,15 @@ const tarnd_io_dsc kSparseIo = {
 // ftyp and a meta box of item 1 (type given) whose data lies where iloc
 // says, then an mdat with a 64-bit size that runs to the end of the source.
 Bytes head_with(const char *type, const Bytes &iloc_body, uint8_t iloc_version) {
-  const Bytes meta = fullbox("meta", 0, 0, {
-      fullbox("hdlr", 0, 0, {u32(0), fourcc("pict"), zeros(12), str("")}),
-      fullbox("pitm", 0, 0, {u16(1)}),
-      fullbox("iinf", 0, 0, {u16(1), fullbox("infe", 2, 0, {u16(1), u16(0), fourcc(type), str("")})}),
-      fullbox("iloc", iloc_version, 0, {iloc_body}),
-      box("iprp", {box("ipco", {fullbox("ispe", 0, 0, {u32(64), u32(64)})}),
-                   fullbox("ipma", 0, 0, {u32(1), u16(1), u8(1), u8(0x81)})})});
-  Bytes file = cat({box("ftyp", {fourcc("heic"), u32(0), fourcc("mif1")}), meta});
+  const Bytes meta = fullbox("meta", 0, 0, {hdlr(), fullbox("pitm", 0, 0, {u16(1)}),
+      fullbox("iinf", 0, 0, {u16(1), infe(1, type)}), fullbox("iloc", iloc_version, 0, {iloc_body}),
+      box("iprp", {box("ipco", {ispe(64, 64)}), fullbox("ipma", 0, 0, {u32(1), u16(1), u8(1), u8(0x81)})})});
+  Bytes file = cat({ftyp(), meta});
   return cat({file, u32(1), fourcc("mdat"), u64(kSourceSize - file.size())});
 }
 
 // iloc version 0 payload: one item, one extent of the given field sizes.
-Bytes v0(uint8_t sizes, std::initializer_list<Bytes> extent) {
+Bytes v0(uint8_t sizes, const std::vector<Bytes> &extent) {
   return cat({u8(sizes), u8(0), u16(1), u16(1), u16(0), u16(1), cat(extent)});
 }
 
