@@ -306,6 +306,9 @@ const Case kCases[] = {
      0, kInfoImage, 0,
      "clap info is abnormal. left(1610612735), top(0), clap_width(1073741824), clap_heigt(2)",
      "tarnd_clean_aperture"},
+    {"clap_right_edge_at_int32_max", [] { return clapped(0x7ffffffe, 2, {2, 1, 2, 1, 0x3fffffff, 1, 0, 1}); },
+     0, kInfoImage, 0, "clap info is abnormal. resolution(2147483646 x 2), left(2147483645), top(0), clap_width(2), "
+     "clap_heigt(2)", "tarnd_clean_aperture"},
     {"clap_negative_denominator", [] { return clapped(64, 64, {64, -1, 64, 1, 0, 1, 0, 1}); },
      0, kInfoImage, 0, "clap data is abnormal", "tarnd_clean_aperture"},
     // References and groups.

@@ -88,6 +88,12 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        },
        [](tarnm_state *s) { return tarnm_add_element_infe(s, 1, fcc("hvc1"), 1); }, -1,
        "too many items(65535)"},
+      {"128 associations", nullptr,
+       [](tarnm_state *s) { return tarnm_add_element_ipma(s, 1, 128, kBytes); }, -1, "unsupported association count(128)"},
+      {"ipma item id above 16 bits", nullptr,
+       [](tarnm_state *s) { return tarnm_add_element_ipma(s, 0x10000, 0, kBytes); }, -1, "unsupported item id(65536)"},
+      {"property index 0", nullptr,
+       [](tarnm_state *s) { return tarnm_add_element_ipma(s, 1, 1, kBytes); }, -1, "invalid property index(0)"},
       {"hvcC of 2 GiB", nullptr,
        [](tarnm_state *s) { return tarnm_add_hvcc_property(s, kBytes, 0x80000000u); }, -1, nullptr},
       {"grid record cut short",
@@ -95,7 +101,7 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        [](tarnm_state *s) { return tarnm_atom_meta(s); }, -1, nullptr},
       // No builder touches a missing state.
       {"no state", nullptr,
-       [](tarnm_state *) {
+       [](tarnm_state *s) {
          const uint8_t d[1] = {8};
          return tarnm_add_element_infe(nullptr, 1, 0, 0) & tarnm_add_element_itemtyperef(nullptr, 1, 0, 1, kIds) &
                 tarnm_add_element_entity_group(nullptr, 1, 2, kIds, 0) & tarnm_add_element_hvcC(nullptr, d, 1) &
@@ -105,7 +111,8 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
                 tarnm_add_element_ipma(nullptr, 1, 1, d) & tarnm_add_colr_property(nullptr, d, 1) &
                 tarnm_add_hvcc_property(nullptr, d, 1) & tarnm_add_ispe_property(nullptr, 1, 1) &
                 tarnm_add_irot_property(nullptr, 90) & tarnm_add_pixi_property(nullptr, d, 1) &
-                tarnm_reallocate_image_buffer(nullptr);
+                tarnm_reallocate_image_buffer(nullptr) & atom_dump_tmap_data(d, 1, nullptr) &
+                tarn_mblk_dump(&s->ipco_list, nullptr) & tarn_mblk_dump_size(nullptr, s);
        },
        -1, nullptr},
       // Nor do the lists and raw records take a missing list, element, writer or visitor.
