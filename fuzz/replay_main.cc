@@ -1,57 +1,37 @@
 // Replays fuzz inputs without libFuzzer: every file named on the command
 // line, or every file of a named folder, goes through the target once.
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <string>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-namespace {
-
-bool replay(const std::string &path) {
-  FILE *f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) {
-    std::fprintf(stderr, "cannot open %s\n", path.c_str());
-    return false;
-  }
-  std::vector<uint8_t> bytes;
-  uint8_t chunk[65536];
-  size_t got;
-  while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + got);
-  std::fclose(f);
-  LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-  return true;
-}
-
-}  // namespace
-
 int main(int argc, char **argv) {
-  int replayed = 0;
+  namespace fs = std::filesystem;
+  std::vector<fs::path> files;
   for (int i = 1; i < argc; ++i) {
-    struct stat st {};
-    if (stat(argv[i], &st) != 0) continue;  // a target without regressions yet
-    if (!S_ISDIR(st.st_mode)) {
-      if (!replay(argv[i])) return 1;
-      ++replayed;
-      continue;
-    }
-    std::vector<std::string> files;
-    if (DIR *d = opendir(argv[i])) {
-      while (const dirent *e = readdir(d))
-        if (e->d_name[0] != '.') files.push_back(std::string(argv[i]) + "/" + e->d_name);
-      closedir(d);
-    }
-    std::sort(files.begin(), files.end());
-    for (const auto &file : files) {
-      if (!replay(file)) return 1;
-      ++replayed;
+    std::error_code ec;
+    if (fs::is_directory(argv[i], ec)) {
+      for (const auto &e : fs::directory_iterator(argv[i]))
+        if (e.path().filename().c_str()[0] != '.') files.push_back(e.path());
+    } else if (fs::exists(argv[i], ec)) {  // a target without regressions yet has no folder
+      files.push_back(argv[i]);
     }
   }
-  std::printf("%d inputs replayed without a fault\n", replayed);
+  std::sort(files.begin(), files.end());
+  for (const fs::path &file : files) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+      std::fprintf(stderr, "cannot open %s\n", file.c_str());
+      return 1;
+    }
+    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+  }
+  std::printf("%zu inputs replayed without a fault\n", files.size());
   return 0;
 }

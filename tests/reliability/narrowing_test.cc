@@ -10,8 +10,6 @@
 
 #include "support/box_builder.h"
 #include "tarn/reader.h"
-#include "tarn/writer.h"
-#include "writer/internal.h"
 
 namespace tarn_test {
 namespace {
@@ -112,17 +110,6 @@ TEST(Narrowing, ReaderOffsetsAndLengthsAbove4GiB) {
     EXPECT_TRUE(got == c.expect);
     tarnd_delete(ctx);
   }
-}
-
-TEST(Narrowing, WriterRefusesSizesAbove2GiB) {
-  tarnm_init_dsc dsc{};
-  int32_t err = -1;
-  tarnm_ctx *w = tarnm_create(&dsc, &err);
-  ASSERT_NE(w, nullptr);
-  const uint8_t frame[8] = {0, 0, 0, 1, 0x26, 0x01, 0xaf, 0x10};
-  EXPECT_EQ(tarnm_put_frm(w, 1, frame, 0x80000000u), -1);
-  EXPECT_EQ(tarnm_get_outputbuffer_size(w), 32);  // ftyp and the mdat header, untouched
-  tarnm_delete(w);
 }
 
 }  // namespace

@@ -124,6 +124,7 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
          const bool none = tarn_mblk_datasize(nullptr) == 0 && !tarn_mblk_elem_first(nullptr, &it) &&
                            tarn_rawstruct_write_iter(s, &word, kWord, nullptr, nullptr) == 0;
          return tarn_mblk_ctor(nullptr, 4) & tarn_mblk_elem_add_with_size(&s->ipco_list, nullptr, 4) &
+                tarn_mblk_elem_add(&s->iloc_list, nullptr) & tarn_mblk_elem_add(nullptr, &word) &
                 tarn_rawstruct_mwrite(nullptr, &word, kWord) & tarn_rawstruct_mwrite(s, nullptr, kWord) &
                 tarn_rawstruct_iter(&word, kWord, [](void *, const rawstruct_field *, void *) { return 1; }, nullptr) &
                 (none ? -1 : 0);
