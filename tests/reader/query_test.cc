@@ -89,6 +89,9 @@ TEST(Query, RolesInformationAndReferences) {
   EXPECT_EQ(tarnd_get_image_id(nullptr, TARND_ID_PRIMARY, 0, &id), -1);
   EXPECT_EQ(tarnd_get_image_id(fake_magic, TARND_ID_PRIMARY, 0, &id), -1);
   EXPECT_EQ(tarnd_get_image_id(ctx.get(), TARND_ID_PRIMARY, 0, nullptr), -1);
+  uint32_t slot = 7;  // no table, or an empty one, has no item
+  EXPECT_EQ(tarnd_find_itemIndex(nullptr, 1, 1, &slot) + tarnd_find_itemIndex(ctx->meta.items, 0, 1, &slot), -2);
+  EXPECT_EQ(slot, 7u);
 
   // Image information of real files is checked by the corpus test; here the
   // crop of an auxiliary image, a clap wider than its image, and no item.

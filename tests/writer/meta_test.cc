@@ -94,6 +94,11 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        [](tarnm_state *s) { return tarnm_add_element_ipma(s, 0x10000, 0, kBytes); }, -1, "unsupported item id(65536)"},
       {"property index 0", nullptr,
        [](tarnm_state *s) { return tarnm_add_element_ipma(s, 1, 1, kBytes); }, -1, "invalid property index(0)"},
+      {"auxC beyond one block", nullptr,
+       [](tarnm_state *s) {
+         s->image_info.aux_type = 1, s->image_info.aux_subtype_data = kBytes, s->image_info.aux_subtype_size = 4040;
+         return tarnm_add_element_auxC(s);
+       }, -1, "failed to tarnm_add_element_auxC!"},
       {"hvcC of 2 GiB", nullptr,
        [](tarnm_state *s) { return tarnm_add_hvcc_property(s, kBytes, 0x80000000u); }, -1, nullptr},
       {"grid record cut short",
@@ -112,7 +117,8 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
                 tarnm_add_hvcc_property(nullptr, d, 1) & tarnm_add_ispe_property(nullptr, 1, 1) &
                 tarnm_add_irot_property(nullptr, 90) & tarnm_add_pixi_property(nullptr, d, 1) &
                 tarnm_reallocate_image_buffer(nullptr) & atom_dump_tmap_data(d, 1, nullptr) &
-                tarn_mblk_dump(&s->ipco_list, nullptr) & tarn_mblk_dump_size(nullptr, s);
+                tarn_mblk_dump(&s->ipco_list, nullptr) & tarn_mblk_dump_size(nullptr, s) &
+                tarnm_atom_header(nullptr, 1, 0, 0, 0, d);
        },
        -1, nullptr},
       // Nor do the lists and raw records take a missing list, element, writer or visitor.
@@ -121,10 +127,13 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
          static const rawstruct_field kWord[] = {{0, 4, 1, 1}, {0, 0, 0, 0}};
          uint32_t word = 0;
          tarn_mblk_iter it;
-         const bool none = tarn_mblk_datasize(nullptr) == 0 && !tarn_mblk_elem_first(nullptr, &it) &&
+         tarn_mblk_elem_last(nullptr, &it);
+         const bool none = tarn_mblk_datasize(nullptr) == 0 && !tarn_mblk_elem_first(nullptr, &it) && !it.elem &&
+                           !tarn_mblk_elem_prev(nullptr, &it) && !tarn_mblk_elem_next(nullptr, &it) &&
                            tarn_rawstruct_write_iter(s, &word, kWord, nullptr, nullptr) == 0;
          return tarn_mblk_ctor(nullptr, 4) & tarn_mblk_elem_add_with_size(&s->ipco_list, nullptr, 4) &
                 tarn_mblk_elem_add(&s->iloc_list, nullptr) & tarn_mblk_elem_add(nullptr, &word) &
+                tarn_mblk_upd_meta(nullptr, [](const void *) { return 0u; }) &
                 tarn_rawstruct_mwrite(nullptr, &word, kWord) & tarn_rawstruct_mwrite(s, nullptr, kWord) &
                 tarn_rawstruct_iter(&word, kWord, [](void *, const rawstruct_field *, void *) { return 1; }, nullptr) &
                 (none ? -1 : 0);
