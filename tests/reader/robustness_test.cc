@@ -42,6 +42,62 @@ TEST(Robustness, TruncatedRealFilesOpenOrFailCleanly) {
   }
 }
 
+// A source of which one call, counting every callback, fails: once, or from
+// then on.
+tarnd_io_dsc g_memory;
+long g_calls, g_fail_at;
+bool g_sticky;
+bool fails() { return g_sticky ? g_calls++ >= g_fail_at : g_calls++ == g_fail_at; }
+tarnd_io_dsc failing_once(const std::vector<uint8_t> &file) {
+  tarnd_io_init_memory(&g_memory, file.data(), file.size());
+  tarnd_io_dsc io = g_memory;
+  io.read = [](void *h, void *b, uint32_t n) { return fails() ? 0u : g_memory.read(h, b, n); };
+  io.tell = [](void *h, uint64_t *p) -> int32_t { return fails() ? -1 : g_memory.tell(h, p); };
+  io.seek = [](void *h, uint64_t *p) -> int32_t { return fails() ? -1 : g_memory.seek(h, p); };
+  io.skip = [](void *h, uint64_t *n) -> int32_t { return fails() ? -1 : g_memory.skip(h, n); };
+  io.get_size = [](void *h, uint64_t *n) -> int32_t { return fails() ? -1 : g_memory.get_size(h, n); };
+  return io;
+}
+std::string model_of(const tarnd_ctx *ctx) {
+  std::string m = std::to_string(ctx->meta.property_cnt) + "/" + std::to_string(ctx->meta.association_cnt) + "/" +
+                  std::to_string(ctx->meta.group_cnt) + "/" + std::to_string(ctx->primary_item_id) + ":";
+  for (uint32_t i = 0; i < ctx->meta.item_cnt; ++i) {
+    const tarnd_item &it = ctx->meta.items[i];
+    m += std::to_string(it.item_id) + "," + std::to_string(it.item_type) + "," + std::to_string(it.offset) + "," +
+         std::to_string(it.length) + "," + std::to_string(it.flags) + "," + std::to_string(it.referece_from_cnt) + ";";
+  }
+  for (uint32_t i = 0; i < ctx->meta.property_cnt; ++i) m += std::to_string(ctx->meta.properties[i].type) + ",";
+  return m;
+}
+
+// A read, tell, seek or skip that fails in the middle of the walk fails the
+// open; it never leaves a model other than the file's.
+TEST(Robustness, ACallThatFailsFailsTheOpen) {
+  TARN_REQUIRE_CORPUS();
+  for (const char *name : kFiles) {
+    std::vector<uint8_t> file;
+    ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &file)) << name;
+    for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+      g_calls = 0, g_fail_at = -1;
+      int32_t err = 1;
+      const CtxPtr whole = open_io(failing_once(file), &err, mode);
+      ASSERT_NE(whole, nullptr) << name;
+      const std::string want = model_of(whole.get());
+      for (long calls = g_calls, k = 0; k < calls; ++k) {
+        SCOPED_TRACE(std::string(name) + " failing call " + std::to_string(k) + " of " + std::to_string(calls));
+        std::string got[2];
+        for (const bool sticky : {false, true}) {
+          g_calls = 0, g_fail_at = k, g_sticky = sticky;
+          const CtxPtr ctx = open_io(failing_once(file), &err, mode);
+          got[sticky] = ctx ? model_of(ctx.get()) : std::to_string(err);
+        }
+        g_sticky = false;
+        EXPECT_EQ(got[0], got[1]);
+      }
+    }
+  }
+}
+
 TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {
   const std::string path = testing::TempDir() + "/tarn_io_source_test.bin";
   const std::vector<uint8_t> data = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};

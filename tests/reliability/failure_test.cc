@@ -198,8 +198,9 @@ TEST(WriterAllocFailure, EveryAllocationOfARoundTripFailsCleanly) {
 #endif
 }
 
-// Opening and every query of the file above and of real files (a grid with
-// idat, a stereo pair, an alpha plane), with each allocation failing in turn.
+// Opening and every query of the file above, of real files (a grid with
+// idat, a stereo pair, an alpha plane) and of two built ones, with each
+// allocation failing in turn.
 // Nothing leaks or crashes; a failure inside the open may cost a box the
 // reader would also skip when malformed (an iref, an idat), but once open,
 // every query answers as without the failure or fails with a negative status
@@ -214,6 +215,11 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
     if (corpus_dir().empty()) break;
     files.emplace_back(name, Bytes());
     ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &files.back().second)) << name;
+  }
+  for (const char *name : {"auxC_alpha_with_subtype", "containers_nested_deeper_than_real_files"}) {
+    files.emplace_back(name, Bytes());  // an auxC subtype, containers past the stack's inline nodes
+    ASSERT_TRUE(read_file(std::string(TARN_TEST_DATA_DIR) + "/../../fuzz/regressions/reader/" + name,
+                          &files.back().second)) << name;
   }
   for (const auto &f : files) for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
     const Bytes &file = f.second;
