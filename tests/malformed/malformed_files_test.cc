@@ -180,6 +180,8 @@ const Case kCases[] = {
      -2, kNone, 0, "Too much unknown atom (8194)", "tarnd_parse"},
     {"mdat_of_2_GiB_located_not_read", [] { File f; f.tail = cat({u32(1), fourcc("mdat"), u64(0x80000010)}); return f; },
      0, kMdat, 0x40000008, "", nullptr},
+    {"trld_ending_with_the_file", [] { File f; f.tail = box("trld", {zeros(4)}); return f; },
+     0, kNone, 0, "", nullptr},
     {"trld_past_file", [] { File f; f.tail = box_sized(1000, "trld", {zeros(4)}); return f; },
      0, kNone, 0, "trld size is not matched", "tarnd_parse"},
     {"item_box_inside_ipco", [] { File f; f.ipco = cat({infe(5, "hvc1"), hvcc(), ispe(64, 64)});
@@ -381,6 +383,12 @@ const ModeCase kModeCases[] = {
        f.locs = {f.locs[1], f.locs[0]}; f.more = iref(ref("thmb", 2, {1})); return iloc_first(f); }, kThumb,
      {0, -1, "item_ID does not increase. previous(2), current(1)", "tarnd_handlers"},
      {0, 0, nullptr, nullptr}},
+    {"mode_65_items_descending", [] { File f; f.infes.clear(), f.locs.clear(); std::vector<std::vector<uint8_t>> a;
+       for (uint16_t id = 65; id >= 1; --id) {
+         f.infes.push_back(infe(id, "hvc1", id != 1)), f.locs.push_back({id, 0, 10, 0}), a.push_back({uint8_t(id), 0x81, 0x82});
+       }
+       f.ipma_box = ipma(a); return f; }, kPrimary,
+     {-2, 0, "item_ID does not increase. previous(65), current(64)", "tarnd_handlers"}, {0, 1, nullptr, nullptr}},
     {"mode_colr_profile_empty", [] { File f; f.ipco = cat({hvcc(), ispe(64, 64), box("colr",
        {fourcc("prof")})}); f.ipma_box = ipma({{1, 0x81, 0x82, 0x83}}); return f; }, kInfoImage,
      {-2, 0, "color data size is too big 4", "tarnd_handlers"},

@@ -55,6 +55,7 @@ TEST(Rational, CleanApertureToCrop) {
       {"half-pixel offset, whole edge", 4033, 3024, {4000, 1, 3000, 1, 1, 2, 0, 1}, {17, 12, 4017, 3012}},
       {"reducible fractions", 100, 100, {40, 2, 60, 3, -20, 4, 10, 2}, {35, 45, 55, 65}},
       {"negative offset to corner", 64, 64, {16, 1, 16, 1, -48, 2, -48, 2}, {0, 0, 16, 16}},
+      {"offset to the far corner", 64, 64, {32, 1, 32, 1, 16, 1, 16, 1}, {32, 32, 64, 64}},
       {"half-pixel left edge", 4033, 3024, {4000, 1, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"fractional width", 4032, 3024, {4001, 2, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"zero width denominator", 4032, 3024, {4000, 0, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},

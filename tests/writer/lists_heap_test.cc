@@ -261,6 +261,8 @@ TEST(WriterContext, HeapGrowthSequenceAndRefusals) {
   // remaining is signed: 2 GiB or more is refused like a failed allocation.
   Writer w;
   EXPECT_EQ(-5, tarnm_alloc_additional_buffer(w.st(), 0x80000000u));
+  EXPECT_EQ(-1, tarnm_alloc_additional_buffer(w.st(), 31));  // less than the file so far
+  EXPECT_EQ(0, tarnm_alloc_additional_buffer(w.st(), 32));   // exactly the file so far
   EXPECT_EQ(32, tarnm_get_outputbuffer_size(w.ctx));
 }
 
