@@ -32,10 +32,10 @@ inline CtxPtr open_memory(const std::vector<uint8_t> &bytes, int32_t *err, uint3
   tarnd_io_init_memory(&io, bytes.data(), bytes.size());
   return open_io(io, err, mode);
 }
-inline CtxPtr open_path(const std::string &path, int32_t *err) {
+inline CtxPtr open_path(const std::string &path, int32_t *err, uint32_t mode = TARND_READ_STRICT) {
   tarnd_io_dsc io;
   tarnd_io_init_file(&io, path.c_str());
-  return open_io(io, err);
+  return open_io(io, err, mode);
 }
 
 inline uint32_t fcc(const std::string &s) { return s.size() < 4 ? 0 : TARND_FCC(s[0], s[1], s[2], s[3]); }
