@@ -196,6 +196,9 @@ const Case kCases[] = {
      -2, kNone, 0, "parser_pitm : item id is too big(65537)", "tarnd_handlers"},
     {"iinf_count_zero", [] { File f; f.iinf = fullbox("iinf", 0, 0, {u16(0)}); return f; },
      -2, kNone, 0, "parser_iinf : item count is abnormal(0)", "tarnd_handlers"},
+    {"iinf_count_as_large_as_its_data_holds", [] { File f; f.iinf = fullbox("iinf", 0, 0, {u16(2), box("free"), box("free")});
+       return f; },
+     0, kNone, 0, "Warning! item count of iloc is less than it of iinf!", "tarnd_handlers"},
     {"iinf_count_beyond_data", [] { File f;
        f.iinf = fullbox("iinf", 1, 0, {u32(18512790), infe(1, "hvc1")}); return f; },
      -2, kNone, 0, "parser_iinf : item count is abnormal(18512790)", "tarnd_handlers"},

@@ -94,6 +94,9 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        [](tarnm_state *s) { return tarnm_add_element_ipma(s, 0x10000, 0, kBytes); }, -1, "unsupported item id(65536)"},
       {"property index 0", nullptr,
        [](tarnm_state *s) { return tarnm_add_element_ipma(s, 1, 1, kBytes); }, -1, "invalid property index(0)"},
+      {"auxiliary type 4", nullptr,
+       [](tarnm_state *s) { return s->image_info.aux_type = 4, tarnm_add_element_auxC(s); }, -1,
+       "unsupported auxiliary image type(4)"},
       {"auxC beyond one block", nullptr,
        [](tarnm_state *s) {
          s->image_info.aux_type = 1, s->image_info.aux_subtype_data = kBytes, s->image_info.aux_subtype_size = 4040;
@@ -119,7 +122,7 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
                 tarnm_reallocate_image_buffer(nullptr) & atom_dump_tmap_data(d, 1, nullptr) &
                 tarn_mblk_dump(&s->ipco_list, nullptr) & tarn_mblk_dump_size(nullptr, s) &
                 tarnm_atom_header(nullptr, 1, 0, 0, 0, d) & tarnm_get_pixi_property_index(nullptr, d, 1) &
-                tarnm_get_colr_property_index(nullptr, d, 1) & tarnm_get_ispe_property_index(nullptr, 1, 1) &
+                tarnm_get_colr_property_index(nullptr, d, 1) & tarnm_get_hvcc_property_index(nullptr, d, 1) & tarnm_get_ispe_property_index(nullptr, 1, 1) &
                 tarnm_alloc_additional_buffer(nullptr, 1) & tarn_chunk_dump(nullptr, d, 1, 0) &
                 tarn_chunk_dump(s, nullptr, 1, 0);
        },
