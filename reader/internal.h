@@ -187,7 +187,9 @@ bool create_item_tables(tarnd_ctx *ctx);
 // found (or a free one taken) whatever order the boxes list the items in.
 tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser);
 
-// The slot holding id: through the walk's id table when there is one, else
+// The slot holding id, with tarnd_find_itemIndex's answer and log line in
+// strict reading: a search of the sorted taken slots while the walk keeps
+// them sorted (in both modes), else tolerant reading's id table, else
 // tarnd_find_itemIndex.
 bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot);
 

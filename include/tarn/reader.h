@@ -221,9 +221,10 @@ typedef struct tarnd_ctx {
   uint8_t iref_version;
   /* TARND_READ_* mode the file was opened with. */
   uint32_t read_flags;
-  /* Tolerant reading, during the walk only: the number of item slots
-   * taken, in the order the file first named their ids; whether an id came
-   * below its predecessor; and then, for larger item tables, an
+  /* During the walk only: the number of item slots taken, in the order
+   * the file first named their ids; whether an id came below its
+   * predecessor (both modes; while none has, lookups search the sorted
+   * taken slots); and then, in tolerant reading for larger item tables, an
    * open-addressed table from item id to slot (item_slot_mask + 1 entries,
    * 0 for free, else the slot plus 1). */
   uint32_t item_slots_taken;
