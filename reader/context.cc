@@ -255,46 +255,26 @@ void order_items_by_id(tarnd_ctx *ctx) {
   std::stable_sort(items, items + n, before);
 }
 
-bool owns_buffer(uint32_t type) {
-  return type == kFccColr || type == kFccAuxC || type == kFccHvcC;
-}
-
 }  // namespace
 
 void release_model(tarnd_ctx *ctx) {
   tarnd_meta *meta = &ctx->meta;
-  if (meta->properties != nullptr) {
-    // colr, auxC and hvcC all keep their buffer in the third payload word.
-    for (uint32_t i = 0; i < meta->property_cnt && i < meta->property_capacity; ++i) {
-      tarnd_property *p = &meta->properties[i];
-      if (owns_buffer(p->type)) free(p->payload.colr.icc_data);
-    }
-  }
+  // The query caches are the only pieces of the model outside its blocks.
   if (meta->items != nullptr) {
     for (uint32_t i = 0; i < meta->item_cnt; ++i) {
       tarnd_item *item = &meta->items[i];
       const uint32_t t = item->item_type;
       if (t == kFccExif || t == kFccMime || t == kFccTmap) free(item->view.meta.cache_data);
-      // Every list, counted or not: a reference box that failed half-way
-      // leaves its list in the first uncounted slot.
-      for (uint32_t r = 0; r < TARND_MAX_REFS; ++r) free(item->ref_to_ids[r]);
-      free(item->extents);
     }
   }
   free(ctx->item_slots);
-  for (uint32_t g = 0; g < meta->group_cnt && g < TARND_MAX_GROUPS; ++g)
-    free(meta->groups[g].entityIDList);
-  free(meta->items);
-  free(meta->properties);
-  free(meta->association_list);
-  free(ctx->displayable_ids);
-  free(meta->idat);
+  model_release(ctx);
 }
 
 bool create_item_tables(tarnd_ctx *ctx) {
   tarnd_meta *meta = &ctx->meta;
   if (meta->items == nullptr) {
-    meta->items = static_cast<tarnd_item *>(calloc(meta->item_cnt, sizeof(tarnd_item)));
+    meta->items = static_cast<tarnd_item *>(model_calloc(ctx, meta->item_cnt, sizeof(tarnd_item)));
     if (meta->items == nullptr) {
       TARN_LOGW("tarnd_handlers", "failed to alloc item table");
       return false;
@@ -302,7 +282,7 @@ bool create_item_tables(tarnd_ctx *ctx) {
     meta->last_item_id = -1;
   }
   if (ctx->displayable_ids == nullptr) {
-    ctx->displayable_ids = static_cast<uint32_t *>(calloc(meta->item_cnt, sizeof(uint32_t)));
+    ctx->displayable_ids = static_cast<uint32_t *>(model_calloc(ctx, meta->item_cnt, sizeof(uint32_t)));
     if (ctx->displayable_ids == nullptr) {
       TARN_LOGW("tarnd_handlers", "failed to alloc displayable image table");
       return false;

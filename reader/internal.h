@@ -4,6 +4,7 @@
 #ifndef TARN_READER_INTERNAL_H
 #define TARN_READER_INTERNAL_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -197,6 +198,17 @@ inline bool tolerant(const tarnd_ctx *ctx) { return (ctx->read_flags & TARND_REA
 
 // Releases everything the model owns (not the context itself).
 void release_model(tarnd_ctx *ctx);
+
+// Storage for the model's arrays, kept until the context is released (there
+// is no freeing one piece: a piece a parser replaces stays unused until
+// then, which costs no more than the box that sized it). Pieces are aligned
+// for any field; null when the allocator fails. The first block is sized
+// from ctx->model_hint.
+void *model_alloc(tarnd_ctx *ctx, size_t size);
+// The same, zeroed, for count elements of size bytes (null on overflow).
+void *model_calloc(tarnd_ctx *ctx, size_t count, size_t size);
+// Frees every block.
+void model_release(tarnd_ctx *ctx);
 
 }  // namespace tarnd
 

@@ -85,17 +85,14 @@ int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   if (!tell_pos(io, handle, &pos) || !source_size(io, handle, &size)) return -1;
   if (pos > size) return -1;
 
-  uint8_t *buf = static_cast<uint8_t *>(malloc(static_cast<size_t>(total != 0 ? total : 1)));
+  uint8_t *buf = static_cast<uint8_t *>(model_alloc(ctx, static_cast<size_t>(total)));
   if (buf == nullptr) return -1;
   uint64_t used = 0;
   const uint8_t order[3] = {kNalVps, kNalSps, kNalPps};
   for (uint8_t kind : order) {
     for (uint32_t i = 0; i < found; ++i) {
       if (arrays[i].nal_type != kind) continue;
-      if (!copy_array(io, handle, arrays[i], buf, total, &used)) {
-        free(buf);
-        return -1;
-      }
+      if (!copy_array(io, handle, arrays[i], buf, total, &used)) return -1;
     }
   }
   slot->payload.hvcC.nal_length_size = (length_byte & 3u) + 1;

@@ -1,6 +1,4 @@
 // Item-location boxes: iloc, idat, mdat, dref.
-#include <stdlib.h>
-
 #include "common/log.h"
 #include "reader/internal.h"
 
@@ -42,7 +40,8 @@ uint32_t field_bytes(uint32_t width) { return width == 4 || width == 8 ? width :
 // extent of an item that has several, so its data is served whole. An entry
 // without extents has no data.
 bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, const IlocLayout &l,
-                bool keep_extents, tarnd_item *item) {
+                tarnd_ctx *ctx, tarnd_item *item) {
+  const bool keep_extents = tolerant(ctx);
   uint16_t method = 0, data_ref, extent_cnt;
   if (l.has_construction && !read_u16(io, handle, &method)) return false;
   if (!read_u16(io, handle, &data_ref)) return false;
@@ -60,7 +59,7 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
   // The extents must be in the box before they size the list; a list that
   // cannot be kept leaves the item with its last extent, as strictly read.
   if (keep_extents && extent_cnt > 1 && bytes_left(io, handle, box, &left) && extent_cnt <= left / extent_bytes) {
-    extents = static_cast<tarnd_extent *>(malloc(extent_cnt * sizeof(tarnd_extent)));
+    extents = static_cast<tarnd_extent *>(model_alloc(ctx, extent_cnt * sizeof(tarnd_extent)));
     if (extents == nullptr) TARN_LOGW("tarnd_handlers", "failed to alloc item extents");
   }
   uint64_t total = 0;
@@ -68,12 +67,10 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
     uint64_t index;
     if (!read_sized(io, handle, l.index_size, &index) || !read_sized(io, handle, l.offset_size, &offset) ||
         !read_sized(io, handle, l.length_size, &length)) {
-      free(extents);
       return false;
     }
     if (extents != nullptr && length > UINT64_MAX - total) {
-      free(extents);  // a sum that does not fit: no item holds that much
-      extents = nullptr;
+      extents = nullptr;  // a sum that does not fit: no item holds that much
     }
     if (extents != nullptr) {
       extents[e].offset = base + offset;
@@ -82,8 +79,7 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
     }
   }
   if (l.has_construction) item->construction_method = method & 0xfu;
-  free(item->extents);  // an item listed again keeps only its last entry
-  item->extents = extents;
+  item->extents = extents;  // an item listed again keeps only its last entry
   item->extent_cnt = extents != nullptr ? extent_cnt : 0;
   // Wrapping is harmless here: every later read checks offset and length
   // against the data it serves.
@@ -144,7 +140,7 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     }
     tarnd_item *item = claim_item_slot(ctx, id, "parser_iloc");
     if (item == nullptr) return -1;
-    if (!read_entry(io, handle, box, layout, tolerant(ctx), item)) return -1;
+    if (!read_entry(io, handle, box, layout, ctx, item)) return -1;
     ++meta->infe_index;
   }
   return 0;
@@ -158,18 +154,14 @@ int32_t parser_idat(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     // A payload the source does not hold fails like a short read, before it
     // sizes a buffer.
     if (box->payload_size > left) return -1;
-    data = static_cast<uint8_t *>(malloc(static_cast<size_t>(box->payload_size != 0 ? box->payload_size : 1)));
+    data = static_cast<uint8_t *>(model_alloc(ctx, static_cast<size_t>(box->payload_size)));
   }
   if (data == nullptr) {
     TARN_LOGW("tarnd_handlers", "parser_idat failed to alloc idat(alloc size : %llu)",
               static_cast<unsigned long long>(box->payload_size));
     return -1;
   }
-  if (!read_bytes(io, handle, data, static_cast<uint32_t>(box->payload_size))) {
-    free(data);
-    return -1;
-  }
-  free(ctx->meta.idat);
+  if (!read_bytes(io, handle, data, static_cast<uint32_t>(box->payload_size))) return -1;
   ctx->meta.idat = data;
   ctx->meta.idat_size = box->payload_size;
   return 0;

@@ -41,7 +41,7 @@ int32_t parser_ipco(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   uint64_t capacity = (left < box->payload_size ? left : box->payload_size) / kMinPropertySize;
   if (capacity > kMaxPropertySlots) capacity = kMaxPropertySlots;
   meta->properties = static_cast<tarnd_property *>(
-      calloc(static_cast<size_t>(capacity != 0 ? capacity : 1), sizeof(tarnd_property)));
+      model_calloc(ctx, static_cast<size_t>(capacity != 0 ? capacity : 1), sizeof(tarnd_property)));
   if (meta->properties == nullptr) {
     TARN_LOGW("tarnd_handlers", "failed to alloc item properties");
     return -1;
@@ -97,12 +97,12 @@ int32_t parser_ipma(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     return -1;
   }
   tarnd_association *table = static_cast<tarnd_association *>(
-      realloc(meta->association_list,
-              static_cast<size_t>(total != 0 ? total : 1) * sizeof(tarnd_association)));
+      model_alloc(ctx, static_cast<size_t>(total != 0 ? total : 1) * sizeof(tarnd_association)));
   if (table == nullptr) {
     TARN_LOGW("tarnd_handlers", "failed to alloc association table");
     return -1;
   }
+  if (stored_before != 0) memcpy(table, meta->association_list, stored_before * sizeof(tarnd_association));
   meta->association_list = table;
 
   const bool wide_ids = box->version != 0;

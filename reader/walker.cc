@@ -61,6 +61,7 @@ constexpr uint64_t kFullBoxFieldsSize = 4;
 // Beyond this many unknown boxes the source is taken to be no HEIF file.
 constexpr int32_t kMaxUnknownBoxes = 8192;
 constexpr uint32_t kFccTrld = TARND_FCC('t', 'r', 'l', 'd');
+constexpr uint32_t kFccMeta = TARND_FCC('m', 'e', 't', 'a');
 
 void pop_ended(tarnd_cstack *stack, uint64_t position) {
   while (*stack != nullptr && (*stack)->end <= position) tarnd_cstack_pop(stack);
@@ -238,6 +239,11 @@ Step walk_box(Walk *w) {
   tarnd_box box;
   if (!read_header(w, &box)) return Step::kStop;
 
+  if (box.type == kFccMeta) {
+    // What the model's first block is sized from: the bytes of the meta box
+    // that the source holds.
+    w->ctx->model_hint = (box.end < w->source_size ? box.end : w->source_size) - box.start;
+  }
   if (box.end > w->source_size && w->stack != nullptr) {
     if (!seek_to(w->io, w->handle, w->stack->end)) return Step::kStop;
     return Step::kNext;

@@ -231,6 +231,12 @@ typedef struct tarnd_ctx {
   uint8_t item_slots_unordered;
   uint32_t *item_slots;
   uint32_t item_slot_mask;
+  /* The blocks the model's arrays are carved from (every pointer marked
+   * owned above, except the query caches of tarnd_item_cache), released
+   * together by tarnd_delete; and the size of the meta box the walk met,
+   * which sizes the first block. */
+  void *model_blocks;
+  uint64_t model_hint;
 } tarnd_ctx;
 
 /*
