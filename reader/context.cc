@@ -441,7 +441,7 @@ void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags, tarnd_file
     if (err != nullptr) *err = -6;
     return nullptr;
   }
-  tarnd_ctx *ctx = static_cast<tarnd_ctx *>(calloc(1, sizeof(tarnd_ctx)));
+  tarnd_ctx *ctx = model_create_context();
   if (ctx == nullptr) {
     if (io->close != nullptr) io->close(handle);
     if (err != nullptr) *err = -5;

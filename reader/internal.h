@@ -202,12 +202,15 @@ void release_model(tarnd_ctx *ctx);
 // Storage for the model's arrays, kept until the context is released (there
 // is no freeing one piece: a piece a parser replaces stays unused until
 // then, which costs no more than the box that sized it). Pieces are aligned
-// for any field; null when the allocator fails. The first block is sized
-// from ctx->model_hint.
+// for any field; null when the allocator fails. The first block after the
+// context's own is sized from ctx->model_hint.
 void *model_alloc(tarnd_ctx *ctx, size_t size);
 // The same, zeroed, for count elements of size bytes (null on overflow).
 void *model_calloc(tarnd_ctx *ctx, size_t count, size_t size);
-// Frees every block.
+// A zeroed context whose first model block shares its allocation (freed
+// with the context); null when the allocator fails.
+tarnd_ctx *model_create_context();
+// Frees every block but the context's own.
 void model_release(tarnd_ctx *ctx);
 
 }  // namespace tarnd

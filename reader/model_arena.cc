@@ -28,10 +28,13 @@ namespace {
 
 // Pieces are aligned for any field of the model (64-bit counts, pointers).
 constexpr size_t kAlign = 16;
-// The first block holds this many bytes per byte of the meta box (a model
-// takes four to seven times its boxes in the corpus of real files), within
-// these bounds; later blocks double, up to the largest regular block. A
-// piece larger than the next block gets a block of its own.
+// The context comes with a first block in the same allocation, which holds
+// the model of most single images. The next block holds this many bytes per
+// byte of the meta box (a model takes four to seven times its boxes in the
+// corpus of real files), within these bounds; later blocks double, up to
+// the largest regular block. A piece larger than the next block gets a
+// block of its own.
+constexpr size_t kContextBlock = 6144;
 constexpr uint64_t kBytesPerMetaByte = 8;
 constexpr size_t kMinFirstBlock = 1024;
 constexpr size_t kMaxRegularBlock = 256 * 1024;
@@ -50,20 +53,28 @@ struct Block {
 };
 
 constexpr size_t kHeaderSize = (sizeof(Block) + kAlign - 1) / kAlign * kAlign;
+constexpr size_t kContextSize = (sizeof(tarnd_ctx) + kAlign - 1) / kAlign * kAlign;
 
 uint8_t *block_data(Block *b) { return reinterpret_cast<uint8_t *>(b) + kHeaderSize; }
 
-Block *new_block(size_t size) {
-  if (size > SIZE_MAX - kHeaderSize) return nullptr;
-  Block *b = static_cast<Block *>(malloc(kHeaderSize + size));
-  if (b == nullptr) return nullptr;
+void init_block(Block *b, size_t size) {
   b->next = nullptr;
   b->size = size;
   b->used = 0;
 #if defined(TARN_MODEL_POISON)
   ASAN_POISON_MEMORY_REGION(block_data(b), size);
 #endif
+}
+
+Block *new_block(size_t size) {
+  if (size > SIZE_MAX - kHeaderSize) return nullptr;
+  Block *b = static_cast<Block *>(malloc(kHeaderSize + size));
+  if (b != nullptr) init_block(b, size);
   return b;
+}
+
+Block *context_block(tarnd_ctx *ctx) {
+  return reinterpret_cast<Block *>(reinterpret_cast<uint8_t *>(ctx) + kContextSize);
 }
 
 uint8_t *take(Block *b, size_t size, size_t rounded) {
@@ -90,7 +101,8 @@ void *model_alloc(tarnd_ctx *ctx, size_t size) {
   Block *head = static_cast<Block *>(ctx->model_blocks);
   if (head != nullptr && head->size - head->used >= rounded) return take(head, size, rounded);
 
-  size_t next = head == nullptr ? first_block_size(ctx->model_hint) : head->size * 2;
+  size_t next = head == nullptr ? 0 : head->size * 2;
+  if (next < first_block_size(ctx->model_hint)) next = first_block_size(ctx->model_hint);
   if (next > kMaxRegularBlock) next = kMaxRegularBlock;
   if (rounded > next) {
     // A block of its own, behind the head, which keeps serving small pieces.
@@ -118,6 +130,15 @@ void *model_calloc(tarnd_ctx *ctx, size_t count, size_t size) {
   return p;
 }
 
+tarnd_ctx *model_create_context() {
+  tarnd_ctx *ctx = static_cast<tarnd_ctx *>(malloc(kContextSize + kHeaderSize + kContextBlock));
+  if (ctx == nullptr) return nullptr;
+  memset(ctx, 0, sizeof(*ctx));
+  init_block(context_block(ctx), kContextBlock);
+  ctx->model_blocks = context_block(ctx);
+  return ctx;
+}
+
 void model_release(tarnd_ctx *ctx) {
   Block *b = static_cast<Block *>(ctx->model_blocks);
   while (b != nullptr) {
@@ -125,7 +146,7 @@ void model_release(tarnd_ctx *ctx) {
 #if defined(TARN_MODEL_POISON)
     ASAN_UNPOISON_MEMORY_REGION(block_data(b), b->size);
 #endif
-    free(b);
+    if (b != context_block(ctx)) free(b);
     b = next;
   }
   ctx->model_blocks = nullptr;

@@ -232,9 +232,10 @@ typedef struct tarnd_ctx {
   uint32_t *item_slots;
   uint32_t item_slot_mask;
   /* The blocks the model's arrays are carved from (every pointer marked
-   * owned above, except the query caches of tarnd_item_cache), released
-   * together by tarnd_delete; and the size of the meta box the walk met,
-   * which sizes the first block. */
+   * owned above, except the query caches of tarnd_item_cache), the first of
+   * them in the context's own allocation, released together by
+   * tarnd_delete; and the size of the meta box the walk met, which sizes
+   * the blocks a larger model adds. */
   void *model_blocks;
   uint64_t model_hint;
 } tarnd_ctx;
