@@ -61,6 +61,33 @@ void bind_property(tarnd_item *item, const tarnd_property *prop, uint16_t index,
   }
 }
 
+// The slot of id among the first taken slots while their ids increase
+// (most files, and strict reading's whenever the walk asks), and among all
+// slots once the open finds them in increasing order.
+inline bool find_sorted_slot(const tarnd_item *items, uint32_t taken, uint32_t id, uint32_t *slot) {
+  if (taken == 0 || id < items[0].item_id || id > items[taken - 1].item_id) return false;
+  // Ids numbered from the first slot's id, as most files number them.
+  const uint32_t d = id - items[0].item_id;
+  if (d < taken && items[d].item_id == id) {
+    *slot = d;
+    return true;
+  }
+  uint32_t lo = 0, hi = taken;
+  while (lo < hi) {
+    const uint32_t mid = lo + (hi - lo) / 2;
+    if (items[mid].item_id < id) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  if (lo < taken && items[lo].item_id == id) {
+    *slot = lo;
+    return true;
+  }
+  return false;
+}
+
 bool ids_increase(const tarnd_meta *meta) {
   for (uint32_t i = 1; i < meta->item_cnt; ++i) {
     if (meta->items[i - 1].item_id >= meta->items[i].item_id) return false;
@@ -70,28 +97,17 @@ bool ids_increase(const tarnd_meta *meta) {
 
 // The slot tarnd_find_itemIndex gives, with its log line. When the ids
 // increase through the table (as infe boxes must number them) the only slot
-// holding an id is found by binary search, so a file whose associations
-// name ids it lacks costs log n per association instead of a full scan.
+// holding an id is found directly or by binary search, so a file whose
+// associations name ids it lacks costs log n per association instead of a
+// full scan.
 bool find_slot(const tarnd_meta *meta, bool increasing, uint32_t id, uint32_t *slot) {
   if (!increasing || meta->item_cnt == 0) {
     return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
   }
-  if (id < meta->items[0].item_id) return false;
-  uint32_t lo = 0, hi = meta->item_cnt;
-  while (lo < hi) {
-    const uint32_t mid = lo + (hi - lo) / 2;
-    if (meta->items[mid].item_id < id) {
-      lo = mid + 1;
-    } else {
-      hi = mid;
-    }
-  }
-  if (lo < meta->item_cnt && meta->items[lo].item_id == id) {
-    *slot = lo;
-    return true;
-  }
-  TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
-            static_cast<int>(id), meta->item_cnt);
+  if (find_sorted_slot(meta->items, meta->item_cnt, id, slot)) return true;
+  if (id >= meta->items[0].item_id)
+    TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
+              static_cast<int>(id), meta->item_cnt);
   return false;
 }
 
@@ -149,32 +165,6 @@ void insert_slot(tarnd_ctx *ctx, uint32_t id, uint32_t slot) {
   uint32_t h = slot_hash(id, ctx->item_slot_mask);
   while (ctx->item_slots[h] != 0) h = (h + 1) & ctx->item_slot_mask;
   ctx->item_slots[h] = slot + 1;
-}
-
-// The slot of id among the first taken slots while their ids increase
-// (most files, and strict reading's whenever this is asked).
-inline bool find_sorted_slot(const tarnd_item *items, uint32_t taken, uint32_t id, uint32_t *slot) {
-  if (taken == 0 || id < items[0].item_id || id > items[taken - 1].item_id) return false;
-  // Ids numbered from the first slot's id, as most files number them.
-  const uint32_t d = id - items[0].item_id;
-  if (d < taken && items[d].item_id == id) {
-    *slot = d;
-    return true;
-  }
-  uint32_t lo = 0, hi = taken;
-  while (lo < hi) {
-    const uint32_t mid = lo + (hi - lo) / 2;
-    if (items[mid].item_id < id) {
-      lo = mid + 1;
-    } else {
-      hi = mid;
-    }
-  }
-  if (lo < taken && items[lo].item_id == id) {
-    *slot = lo;
-    return true;
-  }
-  return false;
 }
 
 // The slot an id took during a tolerant walk once the ids stopped
