@@ -27,81 +27,6 @@ struct ParamArray {
 
 bool is_param_set(uint8_t t) { return t == kNalVps || t == kNalSps || t == kNalPps; }
 
-// The source as the parse below reads it, with the read helpers' results
-// and positions: the library's memory source read in place (its position
-// kept in a register and stored back when the parse ends, however it ends),
-// or any source through the helpers. The parse is written once for both.
-class InPlace {
- public:
-  explicit InPlace(tarn::MemorySource *m) : m_(m), data_(m->data), size_(m->size), pos_(m->pos) {}
-  ~InPlace() { m_->pos = pos_; }
-  InPlace(const InPlace &) = delete;
-  InPlace &operator=(const InPlace &) = delete;
-
-  bool u8(uint8_t *v) {
-    if (pos_ >= size_) return fail();
-    *v = data_[pos_++];
-    return true;
-  }
-  bool u16(uint16_t *v) {
-    if (size_ - pos_ < 2) return fail();
-    *v = static_cast<uint16_t>(data_[pos_] << 8 | data_[pos_ + 1]);
-    pos_ += 2;
-    return true;
-  }
-  bool bytes(uint8_t *buf, uint32_t n) {
-    if (size_ - pos_ < n) return fail();
-    memcpy(buf, data_ + pos_, n);
-    pos_ += n;
-    return true;
-  }
-  bool skip(uint64_t n) {
-    if (n > size_ - pos_) return false;
-    pos_ += n;
-    return true;
-  }
-  bool seek(uint64_t position) {
-    if (position > size_) return false;
-    pos_ = position;
-    return true;
-  }
-  bool tell(uint64_t *position) const {
-    *position = pos_;
-    return true;
-  }
-  bool size(uint64_t *size) const {
-    *size = size_;
-    return true;
-  }
-
- private:
-  // A short read leaves the source at its end.
-  bool fail() {
-    pos_ = size_;
-    return false;
-  }
-  tarn::MemorySource *m_;
-  const uint8_t *data_;
-  uint64_t size_;
-  uint64_t pos_;
-};
-
-class Helpers {
- public:
-  Helpers(const tarnd_io_dsc *io, void *handle) : io_(io), handle_(handle) {}
-  bool u8(uint8_t *v) { return read_u8(io_, handle_, v); }
-  bool u16(uint16_t *v) { return read_u16(io_, handle_, v); }
-  bool bytes(uint8_t *buf, uint32_t n) { return read_bytes(io_, handle_, buf, n); }
-  bool skip(uint64_t n) { return skip_by(io_, handle_, n); }
-  bool seek(uint64_t position) { return seek_to(io_, handle_, position); }
-  bool tell(uint64_t *position) const { return tell_pos(io_, handle_, position); }
-  bool size(uint64_t *size) const { return source_size(io_, handle_, size); }
-
- private:
-  const tarnd_io_dsc *io_;
-  void *handle_;
-};
-
 // Copies the NAL units of one array after start codes. *used grows by what
 // was written; nothing is written past size.
 template <class Source>
@@ -179,10 +104,5 @@ int32_t parse_hvcC(Source &src, tarnd_ctx *ctx, tarnd_property *slot) {
 int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
   tarnd_property *slot = claim_property_slot(ctx, box, "parser_hvcC");
   if (slot == nullptr) return -1;
-  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
-    InPlace src(m);
-    return parse_hvcC(src, ctx, slot);
-  }
-  Helpers src(io, handle);
-  return parse_hvcC(src, ctx, slot);
+  return with_source(io, handle, [&](auto &src) { return parse_hvcC(src, ctx, slot); });
 }

@@ -24,10 +24,11 @@ struct IlocLayout {
   bool has_construction;    // versions 1 and 2
 };
 
-bool read_item_id(const tarnd_io_dsc *io, void *handle, bool wide, uint32_t *id) {
-  if (wide) return read_u32(io, handle, id);
+template <class Source>
+bool read_item_id(Source &src, bool wide, uint32_t *id) {
+  if (wide) return src.u32(id);
   uint16_t id16;
-  if (!read_u16(io, handle, &id16)) return false;
+  if (!src.u16(&id16)) return false;
   *id = id16;
   return true;
 }
@@ -39,15 +40,15 @@ uint32_t field_bytes(uint32_t width) { return width == 4 || width == 8 ? width :
 // Strict reading keeps only the last extent; tolerant reading keeps every
 // extent of an item that has several, so its data is served whole. An entry
 // without extents has no data.
-bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, const IlocLayout &l,
-                tarnd_ctx *ctx, tarnd_item *item) {
+template <class Source>
+bool read_entry(Source &src, const tarnd_box *box, const IlocLayout &l, tarnd_ctx *ctx, tarnd_item *item) {
   const bool keep_extents = tolerant(ctx);
   uint16_t method = 0, data_ref, extent_cnt;
-  if (l.has_construction && !read_u16(io, handle, &method)) return false;
-  if (!read_u16(io, handle, &data_ref)) return false;
+  if (l.has_construction && !src.u16(&method)) return false;
+  if (!src.u16(&data_ref)) return false;
   uint64_t base = 0;
-  if (!read_sized(io, handle, l.base_offset_size, &base)) return false;
-  if (!read_u16(io, handle, &extent_cnt)) return false;
+  if (!src.sized(l.base_offset_size, &base)) return false;
+  if (!src.u16(&extent_cnt)) return false;
   uint64_t offset = 0, length = 0;
   // With every extent field zero bytes wide, extents occupy no bytes and
   // all read as 0: a hostile count of 65,535 per entry would otherwise spin
@@ -58,15 +59,15 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
   uint64_t left = 0;
   // The extents must be in the box before they size the list; a list that
   // cannot be kept leaves the item with its last extent, as strictly read.
-  if (keep_extents && extent_cnt > 1 && bytes_left(io, handle, box, &left) && extent_cnt <= left / extent_bytes) {
+  if (keep_extents && extent_cnt > 1 && src.left(box, &left) && extent_cnt <= left / extent_bytes) {
     extents = static_cast<tarnd_extent *>(model_alloc(ctx, extent_cnt * sizeof(tarnd_extent)));
     if (extents == nullptr) TARN_LOGW("tarnd_handlers", "failed to alloc item extents");
   }
   uint64_t total = 0;
   for (uint32_t e = 0; e < extent_cnt; ++e) {
     uint64_t index;
-    if (!read_sized(io, handle, l.index_size, &index) || !read_sized(io, handle, l.offset_size, &offset) ||
-        !read_sized(io, handle, l.length_size, &length)) {
+    if (!src.sized(l.index_size, &index) || !src.sized(l.offset_size, &offset) ||
+        !src.sized(l.length_size, &length)) {
       return false;
     }
     if (extents != nullptr && length > UINT64_MAX - total) {
@@ -95,9 +96,12 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
 
 }  // namespace
 
-int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+namespace {
+
+template <class Source>
+int32_t parse_iloc(Source &src, const tarnd_box *box, tarnd_ctx *ctx) {
   uint8_t sizes[2];
-  if (!read_bytes(io, handle, sizes, 2)) return -1;
+  if (!src.bytes(sizes, 2)) return -1;
   IlocLayout layout;
   layout.offset_size = sizes[0] >> 4;
   layout.length_size = sizes[0] & 0xfu;
@@ -108,9 +112,9 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   layout.wide_ids = box->version == 2;
 
   uint32_t count;
-  if (!read_item_id(io, handle, layout.wide_ids, &count)) return -1;
+  if (!read_item_id(src, layout.wide_ids, &count)) return -1;
   uint64_t left = 0;
-  if (!bytes_left(io, handle, box, &left)) return -1;
+  if (!src.left(box, &left)) return -1;
   if (count == 0 || count > kMaxItemCount || count > left / kMinIlocEntrySize) {
     TARN_LOGW("tarnd_handlers", "%s : item count is abnormal(%u)", "parser_iloc", count);
     return -1;
@@ -129,7 +133,7 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
 
   for (uint32_t i = 0; i < count; ++i) {
     uint32_t id;
-    if (!read_item_id(io, handle, layout.wide_ids, &id)) return -1;
+    if (!read_item_id(src, layout.wide_ids, &id)) return -1;
     if (id > kMaxItemId) {
       TARN_LOGW("tarnd_handlers", "%s : item id is too big(%u)", "parser_iloc", id);
       return -1;
@@ -140,10 +144,16 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     }
     tarnd_item *item = claim_item_slot(ctx, id, "parser_iloc");
     if (item == nullptr) return -1;
-    if (!read_entry(io, handle, box, layout, ctx, item)) return -1;
+    if (!read_entry(src, box, layout, ctx, item)) return -1;
     ++meta->infe_index;
   }
   return 0;
+}
+
+}  // namespace
+
+int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  return with_source(io, handle, [&](auto &src) { return parse_iloc(src, box, ctx); });
 }
 
 int32_t parser_idat(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
