@@ -219,6 +219,12 @@ class InPlaceSource {
     *v = 0;
     return true;
   }
+  bool fcc(uint32_t *v) {
+    if (size_ - pos_ < 4) return fail();
+    *v = fcc_load(data_ + pos_);
+    pos_ += 4;
+    return true;
+  }
   bool bytes(void *buf, uint32_t n) {
     if (size_ - pos_ < n) return fail();
     memcpy(buf, data_ + pos_, n);
@@ -272,6 +278,7 @@ class HelperSource {
   bool u16(uint16_t *v) { return read_u16(io_, handle_, v); }
   bool u32(uint32_t *v) { return read_u32(io_, handle_, v); }
   bool sized(uint32_t width, uint64_t *v) { return read_sized(io_, handle_, width, v); }
+  bool fcc(uint32_t *v) { return read_fcc(io_, handle_, v); }
   bool bytes(void *buf, uint32_t n) { return read_bytes(io_, handle_, buf, n); }
   bool skip(uint64_t n) { return skip_by(io_, handle_, n); }
   bool seek(uint64_t position) { return seek_to(io_, handle_, position); }
