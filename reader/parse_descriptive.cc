@@ -216,7 +216,8 @@ int32_t parser_ster(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     TARN_LOGW("tarnd_handlers", "failed to read entity ID List");
     return -1;
   }
-  uint32_t *ids = static_cast<uint32_t *>(model_alloc(ctx, group->entityCount * sizeof(uint32_t)));
+  // Counted, so that a 32-bit size_t cannot wrap the size.
+  uint32_t *ids = static_cast<uint32_t *>(model_calloc(ctx, group->entityCount, sizeof(uint32_t)));
   if (ids == nullptr) {
     TARN_LOGW("tarnd_handlers", "parser_ster failed to alloc entityIDList");
     return -1;
