@@ -61,6 +61,33 @@ void bind_property(tarnd_item *item, const tarnd_property *prop, uint16_t index,
   }
 }
 
+// The slot of id among the first taken slots while their ids increase
+// (most files, and strict reading's whenever the walk asks), and among all
+// slots once the open finds them in increasing order.
+inline bool find_sorted_slot(const tarnd_item *items, uint32_t taken, uint32_t id, uint32_t *slot) {
+  if (taken == 0 || id < items[0].item_id || id > items[taken - 1].item_id) return false;
+  // Ids numbered from the first slot's id, as most files number them.
+  const uint32_t d = id - items[0].item_id;
+  if (d < taken && items[d].item_id == id) {
+    *slot = d;
+    return true;
+  }
+  uint32_t lo = 0, hi = taken;
+  while (lo < hi) {
+    const uint32_t mid = lo + (hi - lo) / 2;
+    if (items[mid].item_id < id) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  if (lo < taken && items[lo].item_id == id) {
+    *slot = lo;
+    return true;
+  }
+  return false;
+}
+
 bool ids_increase(const tarnd_meta *meta) {
   for (uint32_t i = 1; i < meta->item_cnt; ++i) {
     if (meta->items[i - 1].item_id >= meta->items[i].item_id) return false;
@@ -70,28 +97,17 @@ bool ids_increase(const tarnd_meta *meta) {
 
 // The slot tarnd_find_itemIndex gives, with its log line. When the ids
 // increase through the table (as infe boxes must number them) the only slot
-// holding an id is found by binary search, so a file whose associations
-// name ids it lacks costs log n per association instead of a full scan.
+// holding an id is found directly or by binary search, so a file whose
+// associations name ids it lacks costs log n per association instead of a
+// full scan.
 bool find_slot(const tarnd_meta *meta, bool increasing, uint32_t id, uint32_t *slot) {
   if (!increasing || meta->item_cnt == 0) {
     return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
   }
-  if (id < meta->items[0].item_id) return false;
-  uint32_t lo = 0, hi = meta->item_cnt;
-  while (lo < hi) {
-    const uint32_t mid = lo + (hi - lo) / 2;
-    if (meta->items[mid].item_id < id) {
-      lo = mid + 1;
-    } else {
-      hi = mid;
-    }
-  }
-  if (lo < meta->item_cnt && meta->items[lo].item_id == id) {
-    *slot = lo;
-    return true;
-  }
-  TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
-            static_cast<int>(id), meta->item_cnt);
+  if (find_sorted_slot(meta->items, meta->item_cnt, id, slot)) return true;
+  if (id >= meta->items[0].item_id)
+    TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
+              static_cast<int>(id), meta->item_cnt);
   return false;
 }
 
@@ -151,38 +167,13 @@ void insert_slot(tarnd_ctx *ctx, uint32_t id, uint32_t slot) {
   ctx->item_slots[h] = slot + 1;
 }
 
-// The slot an id took during a tolerant walk. While the ids came in
-// increasing order (most files) the taken slots are sorted and a binary
-// search finds it; after that, the id table does, or a scan of the taken
-// slots when there are few.
-bool find_taken_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
+// The slot an id took during a tolerant walk once the ids stopped
+// increasing: through the id table, or a scan of the taken slots when
+// there are few.
+bool find_unordered_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
   const tarnd_item *items = ctx->meta.items;
-  const uint32_t taken = ctx->item_slots_taken;
-  if (!ctx->item_slots_unordered) {
-    if (taken == 0 || id > items[taken - 1].item_id) return false;
-    // Ids numbered from the first slot's id, as most files number them.
-    const uint32_t d = id - items[0].item_id;
-    if (id >= items[0].item_id && d < taken && items[d].item_id == id) {
-      *slot = d;
-      return true;
-    }
-    uint32_t lo = 0, hi = taken;
-    while (lo < hi) {
-      const uint32_t mid = lo + (hi - lo) / 2;
-      if (items[mid].item_id < id) {
-        lo = mid + 1;
-      } else {
-        hi = mid;
-      }
-    }
-    if (lo < taken && items[lo].item_id == id) {
-      *slot = lo;
-      return true;
-    }
-    return false;
-  }
   if (ctx->item_slots == nullptr) {
-    for (uint32_t i = 0; i < taken; ++i) {
+    for (uint32_t i = 0; i < ctx->item_slots_taken; ++i) {
       if (items[i].item_id == id) {
         *slot = i;
         return true;
@@ -198,6 +189,11 @@ bool find_taken_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
       return true;
     }
   }
+}
+
+inline bool find_taken_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
+  if (!ctx->item_slots_unordered) return find_sorted_slot(ctx->meta.items, ctx->item_slots_taken, id, slot);
+  return find_unordered_slot(ctx, id, slot);
 }
 
 // Records that slot took id. The first id below its predecessor ends the
@@ -249,46 +245,26 @@ void order_items_by_id(tarnd_ctx *ctx) {
   std::stable_sort(items, items + n, before);
 }
 
-bool owns_buffer(uint32_t type) {
-  return type == kFccColr || type == kFccAuxC || type == kFccHvcC;
-}
-
 }  // namespace
 
 void release_model(tarnd_ctx *ctx) {
   tarnd_meta *meta = &ctx->meta;
-  if (meta->properties != nullptr) {
-    // colr, auxC and hvcC all keep their buffer in the third payload word.
-    for (uint32_t i = 0; i < meta->property_cnt && i < meta->property_capacity; ++i) {
-      tarnd_property *p = &meta->properties[i];
-      if (owns_buffer(p->type)) free(p->payload.colr.icc_data);
-    }
-  }
+  // The query caches are the only pieces of the model outside its blocks.
   if (meta->items != nullptr) {
     for (uint32_t i = 0; i < meta->item_cnt; ++i) {
       tarnd_item *item = &meta->items[i];
       const uint32_t t = item->item_type;
       if (t == kFccExif || t == kFccMime || t == kFccTmap) free(item->view.meta.cache_data);
-      // Every list, counted or not: a reference box that failed half-way
-      // leaves its list in the first uncounted slot.
-      for (uint32_t r = 0; r < TARND_MAX_REFS; ++r) free(item->ref_to_ids[r]);
-      free(item->extents);
     }
   }
   free(ctx->item_slots);
-  for (uint32_t g = 0; g < meta->group_cnt && g < TARND_MAX_GROUPS; ++g)
-    free(meta->groups[g].entityIDList);
-  free(meta->items);
-  free(meta->properties);
-  free(meta->association_list);
-  free(ctx->displayable_ids);
-  free(meta->idat);
+  model_release(ctx);
 }
 
 bool create_item_tables(tarnd_ctx *ctx) {
   tarnd_meta *meta = &ctx->meta;
   if (meta->items == nullptr) {
-    meta->items = static_cast<tarnd_item *>(calloc(meta->item_cnt, sizeof(tarnd_item)));
+    meta->items = static_cast<tarnd_item *>(model_calloc(ctx, meta->item_cnt, sizeof(tarnd_item)));
     if (meta->items == nullptr) {
       TARN_LOGW("tarnd_handlers", "failed to alloc item table");
       return false;
@@ -296,7 +272,7 @@ bool create_item_tables(tarnd_ctx *ctx) {
     meta->last_item_id = -1;
   }
   if (ctx->displayable_ids == nullptr) {
-    ctx->displayable_ids = static_cast<uint32_t *>(calloc(meta->item_cnt, sizeof(uint32_t)));
+    ctx->displayable_ids = static_cast<uint32_t *>(model_calloc(ctx, meta->item_cnt, sizeof(uint32_t)));
     if (ctx->displayable_ids == nullptr) {
       TARN_LOGW("tarnd_handlers", "failed to alloc displayable image table");
       return false;
@@ -305,32 +281,57 @@ bool create_item_tables(tarnd_ctx *ctx) {
   return true;
 }
 
-bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
-  const tarnd_meta *meta = &ctx->meta;
-  if (tolerant(ctx) && meta->items != nullptr && find_taken_slot(ctx, id, slot)) return true;
+namespace {
+
+// tarnd_find_itemIndex's line for an id the sorted taken slots lack (none
+// below the first id, as there).
+[[gnu::noinline]] bool missing_sorted_id(const tarnd_meta *meta, uint32_t id) {
+  if (id >= meta->items[0].item_id)
+    TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
+              static_cast<int>(id), meta->item_cnt);
+  return false;
+}
+
+[[gnu::noinline]] bool find_item_slot_unsorted(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
+  if (ctx->item_slots_unordered && tolerant(ctx) && find_unordered_slot(ctx, id, slot)) return true;
   // Ids the table never took (0, the id of untaken slots) are looked up as
   // strict reading looks them up.
-  return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
+  return tarnd_find_itemIndex(ctx->meta.items, ctx->meta.item_cnt, id, slot) == 0;
+}
+
+}  // namespace
+
+bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
+  const tarnd_meta *meta = &ctx->meta;
+  const uint32_t taken = ctx->item_slots_taken;
+  // Both modes answer from the taken slots while the walk found their ids
+  // increasing (every well-formed file), by the same search: with no
+  // untaken slot among them and no id 0 (the ids strictly increase from a
+  // non-zero first one), a miss there is a miss in the whole table.
+  if (!ctx->item_slots_unordered && taken != 0 && id != 0 && meta->items[0].item_id != 0) {
+    return find_sorted_slot(meta->items, taken, id, slot) || missing_sorted_id(meta, id);
+  }
+  return find_item_slot_unsorted(ctx, id, slot);
 }
 
 tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
   tarnd_meta *meta = &ctx->meta;
-  // Any order: the slot already holding id, else the next untaken one. With
-  // every slot taken (an id 0 takes one, yet reads as untaken), the slot is
-  // chosen as strict reading chooses it.
   uint32_t slot;
-  if (tolerant(ctx) && find_taken_slot(ctx, id, &slot)) return &meta->items[slot];
-  if (tolerant(ctx) && ctx->item_slots_taken < meta->item_cnt) {
-    slot = ctx->item_slots_taken;
-    meta->items[slot].item_id = static_cast<uint16_t>(id);
-    if (!note_taken_slot(ctx, id, slot)) {
-      meta->items[slot].item_id = 0;
-      return nullptr;
-    }
-    ++ctx->item_slots_taken;
-    return &meta->items[slot];
-  }
   if (tolerant(ctx)) {
+    // Any order: the slot already holding id, else the next untaken one.
+    // With every slot taken (an id 0 takes one, yet reads as untaken), the
+    // slot is chosen as strict reading chooses it.
+    if (find_taken_slot(ctx, id, &slot)) return &meta->items[slot];
+    if (ctx->item_slots_taken < meta->item_cnt) {
+      slot = ctx->item_slots_taken;
+      meta->items[slot].item_id = static_cast<uint16_t>(id);
+      if (!note_taken_slot(ctx, id, slot)) {
+        meta->items[slot].item_id = 0;
+        return nullptr;
+      }
+      ++ctx->item_slots_taken;
+      return &meta->items[slot];
+    }
     // Every slot taken, one of them by id 0, which reads as untaken: the id
     // takes it over, as strict reading hands an untaken slot to the next
     // entry. No worse than the scan strict reading makes here.
@@ -344,10 +345,16 @@ tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
   }
   tarnd_item *item = &meta->items[meta->infe_index];
   if (item->item_id == 0) {
+    // Strict reading takes slots in entry order, so the taken ones stay the
+    // first ones; the lookups above use them while their ids increase.
+    slot = meta->infe_index;
+    const uint32_t taken = ctx->item_slots_taken;
+    if (slot != taken || (slot != 0 && id <= meta->items[slot - 1].item_id)) ctx->item_slots_unordered = 1;
+    if (slot == taken) ++ctx->item_slots_taken;
     item->item_id = static_cast<uint16_t>(id);
     return item;
   }
-  if (tarnd_find_itemIndex(meta->items, meta->item_cnt, id, &slot) != 0) {
+  if (!find_item_slot(ctx, id, &slot)) {
     TARN_LOGW("tarnd_handlers", "%s : valid index for item(%d) could not be found", parser,
               static_cast<int>(id));
     return nullptr;
@@ -424,7 +431,7 @@ void *tarnd_create_with_flags(const tarnd_io_dsc *io, uint32_t flags, tarnd_file
     if (err != nullptr) *err = -6;
     return nullptr;
   }
-  tarnd_ctx *ctx = static_cast<tarnd_ctx *>(calloc(1, sizeof(tarnd_ctx)));
+  tarnd_ctx *ctx = model_create_context();
   if (ctx == nullptr) {
     if (io->close != nullptr) io->close(handle);
     if (err != nullptr) *err = -5;

@@ -4,6 +4,7 @@
 #ifndef TARN_READER_INTERNAL_H
 #define TARN_READER_INTERNAL_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -172,6 +173,135 @@ inline bool bytes_left(const tarnd_io_dsc *io, void *handle, const tarnd_box *bo
   return true;
 }
 
+// The source as a parser written once for both kinds reads it, with the
+// helpers' results and positions: the library's memory source read in place
+// (its position held locally and stored back when the parser's source
+// object ends, however the parse ends; nothing else may move the source
+// meanwhile), or any source through the helpers above.
+class InPlaceSource {
+ public:
+  explicit InPlaceSource(tarn::MemorySource *m) : m_(m), data_(m->data), size_(m->size), pos_(m->pos) {}
+  ~InPlaceSource() { m_->pos = pos_; }
+  InPlaceSource(const InPlaceSource &) = delete;
+  InPlaceSource &operator=(const InPlaceSource &) = delete;
+
+  bool u8(uint8_t *v) {
+    if (pos_ >= size_) return fail();
+    *v = data_[pos_++];
+    return true;
+  }
+  bool u16(uint16_t *v) {
+    if (size_ - pos_ < 2) return fail();
+    *v = static_cast<uint16_t>(data_[pos_] << 8 | data_[pos_ + 1]);
+    pos_ += 2;
+    return true;
+  }
+  bool u32(uint32_t *v) {
+    if (size_ - pos_ < 4) return fail();
+    *v = load32(pos_);
+    pos_ += 4;
+    return true;
+  }
+  // A width of 8 fails as its two halves read in turn would: at the end.
+  bool sized(uint32_t width, uint64_t *v) {
+    if (width == 8) {
+      if (size_ - pos_ < 8) return fail();
+      *v = static_cast<uint64_t>(load32(pos_)) << 32 | load32(pos_ + 4);
+      pos_ += 8;
+      return true;
+    }
+    if (width == 4) {
+      uint32_t v32;
+      if (!u32(&v32)) return false;
+      *v = v32;
+      return true;
+    }
+    *v = 0;
+    return true;
+  }
+  bool fcc(uint32_t *v) {
+    if (size_ - pos_ < 4) return fail();
+    *v = fcc_load(data_ + pos_);
+    pos_ += 4;
+    return true;
+  }
+  bool bytes(void *buf, uint32_t n) {
+    if (size_ - pos_ < n) return fail();
+    memcpy(buf, data_ + pos_, n);
+    pos_ += n;
+    return true;
+  }
+  bool skip(uint64_t n) {
+    if (n > size_ - pos_) return false;
+    pos_ += n;
+    return true;
+  }
+  bool seek(uint64_t position) {
+    if (position > size_) return false;
+    pos_ = position;
+    return true;
+  }
+  bool tell(uint64_t *position) const {
+    *position = pos_;
+    return true;
+  }
+  bool size(uint64_t *size) const {
+    *size = size_;
+    return true;
+  }
+  bool left(const tarnd_box *box, uint64_t *left) const {
+    const uint64_t end = box->end < size_ ? box->end : size_;
+    *left = pos_ < end ? end - pos_ : 0;
+    return true;
+  }
+
+ private:
+  uint32_t load32(uint64_t at) const {
+    return static_cast<uint32_t>(data_[at]) << 24 | static_cast<uint32_t>(data_[at + 1]) << 16 |
+           static_cast<uint32_t>(data_[at + 2]) << 8 | data_[at + 3];
+  }
+  // A short read leaves the source at its end.
+  bool fail() {
+    pos_ = size_;
+    return false;
+  }
+  tarn::MemorySource *m_;
+  const uint8_t *data_;
+  uint64_t size_;
+  uint64_t pos_;
+};
+
+class HelperSource {
+ public:
+  HelperSource(const tarnd_io_dsc *io, void *handle) : io_(io), handle_(handle) {}
+  bool u8(uint8_t *v) { return read_u8(io_, handle_, v); }
+  bool u16(uint16_t *v) { return read_u16(io_, handle_, v); }
+  bool u32(uint32_t *v) { return read_u32(io_, handle_, v); }
+  bool sized(uint32_t width, uint64_t *v) { return read_sized(io_, handle_, width, v); }
+  bool fcc(uint32_t *v) { return read_fcc(io_, handle_, v); }
+  bool bytes(void *buf, uint32_t n) { return read_bytes(io_, handle_, buf, n); }
+  bool skip(uint64_t n) { return skip_by(io_, handle_, n); }
+  bool seek(uint64_t position) { return seek_to(io_, handle_, position); }
+  bool tell(uint64_t *position) const { return tell_pos(io_, handle_, position); }
+  bool size(uint64_t *size) const { return source_size(io_, handle_, size); }
+  bool left(const tarnd_box *box, uint64_t *left) const { return bytes_left(io_, handle_, box, left); }
+
+ private:
+  const tarnd_io_dsc *io_;
+  void *handle_;
+};
+
+// Runs parse(source) with the source kind that fits io.
+template <class Parse>
+int32_t with_source(const tarnd_io_dsc *io, void *handle, Parse parse) {
+  if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    InPlaceSource src(m);
+    return parse(src);
+  }
+  HelperSource src(io, handle);
+  return parse(src);
+}
+
 // Takes the next free property slot for a parser that fills one (logging
 // the parser's name when there is no table or no free slot). The slot is
 // counted only when the parser succeeds.
@@ -187,7 +317,9 @@ bool create_item_tables(tarnd_ctx *ctx);
 // found (or a free one taken) whatever order the boxes list the items in.
 tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser);
 
-// The slot holding id: through the walk's id table when there is one, else
+// The slot holding id, with tarnd_find_itemIndex's answer and log line in
+// strict reading: a search of the sorted taken slots while the walk keeps
+// them sorted (in both modes), else tolerant reading's id table, else
 // tarnd_find_itemIndex.
 bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot);
 
@@ -195,6 +327,20 @@ inline bool tolerant(const tarnd_ctx *ctx) { return (ctx->read_flags & TARND_REA
 
 // Releases everything the model owns (not the context itself).
 void release_model(tarnd_ctx *ctx);
+
+// Storage for the model's arrays, kept until the context is released (there
+// is no freeing one piece: a piece a parser replaces stays unused until
+// then, which costs no more than the box that sized it). Pieces are aligned
+// for any field; null when the allocator fails. The first block after the
+// context's own is sized from ctx->model_hint.
+void *model_alloc(tarnd_ctx *ctx, size_t size);
+// The same, zeroed, for count elements of size bytes (null on overflow).
+void *model_calloc(tarnd_ctx *ctx, size_t count, size_t size);
+// A zeroed context whose first model block shares its allocation (freed
+// with the context); null when the allocator fails.
+tarnd_ctx *model_create_context();
+// Frees every block but the context's own.
+void model_release(tarnd_ctx *ctx);
 
 }  // namespace tarnd
 

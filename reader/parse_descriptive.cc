@@ -120,15 +120,12 @@ int32_t parser_colr(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   // A profile the source does not hold fails like a short read, before it
   // sizes a buffer.
   if (!bytes_left(io, handle, box, &left) || icc_size > left) return -1;
-  uint8_t *data = static_cast<uint8_t *>(malloc(static_cast<size_t>(icc_size)));  // below 2 GiB
+  uint8_t *data = static_cast<uint8_t *>(model_alloc(ctx, static_cast<size_t>(icc_size)));  // below 2 GiB
   if (data == nullptr) {
     TARN_LOGW("tarnd_handlers", "parser_colr failed to alloc item property's data");
     return -1;
   }
-  if (!read_bytes(io, handle, data, static_cast<uint32_t>(icc_size))) {
-    free(data);
-    return -1;
-  }
+  if (!read_bytes(io, handle, data, static_cast<uint32_t>(icc_size))) return -1;
   slot->payload.colr.icc_size = static_cast<uint32_t>(icc_size);
   slot->payload.colr.icc_data = data;
   ++ctx->meta.property_cnt;
@@ -180,12 +177,9 @@ int32_t parser_auxC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     if (subtype_size != 0) {
       uint64_t left = 0;
       if (!bytes_left(io, handle, box, &left) || subtype_size > left) return -1;
-      uint8_t *data = static_cast<uint8_t *>(malloc(subtype_size));
+      uint8_t *data = static_cast<uint8_t *>(model_alloc(ctx, subtype_size));
       if (data == nullptr) return -1;
-      if (!read_bytes(io, handle, data, subtype_size)) {
-        free(data);
-        return -1;
-      }
+      if (!read_bytes(io, handle, data, subtype_size)) return -1;
       slot->payload.auxC.subtype_data = data;
     }
     slot->payload.auxC.subtype_size = subtype_size;
@@ -222,8 +216,8 @@ int32_t parser_ster(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     TARN_LOGW("tarnd_handlers", "failed to read entity ID List");
     return -1;
   }
-  uint32_t *ids = static_cast<uint32_t *>(
-      malloc((group->entityCount != 0 ? group->entityCount : 1) * sizeof(uint32_t)));
+  // Counted, so that a 32-bit size_t cannot wrap the size.
+  uint32_t *ids = static_cast<uint32_t *>(model_calloc(ctx, group->entityCount, sizeof(uint32_t)));
   if (ids == nullptr) {
     TARN_LOGW("tarnd_handlers", "parser_ster failed to alloc entityIDList");
     return -1;
@@ -231,7 +225,6 @@ int32_t parser_ster(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   for (uint32_t i = 0; i < group->entityCount; ++i) {
     if (!read_u32(io, handle, &ids[i])) {
       TARN_LOGW("tarnd_handlers", "failed to read entity ID List");
-      free(ids);
       return -1;
     }
   }

@@ -29,30 +29,27 @@ bool is_param_set(uint8_t t) { return t == kNalVps || t == kNalSps || t == kNalP
 
 // Copies the NAL units of one array after start codes. *used grows by what
 // was written; nothing is written past size.
-bool copy_array(const tarnd_io_dsc *io, void *handle, const ParamArray &a, uint8_t *buf,
-                uint64_t size, uint64_t *used) {
-  if (!seek_to(io, handle, a.start)) return false;
+template <class Source>
+bool copy_array(Source &src, const ParamArray &a, uint8_t *buf, uint64_t size, uint64_t *used) {
+  if (!src.seek(a.start)) return false;
   for (uint32_t n = 0; n < a.nal_cnt; ++n) {
     uint16_t len;
     if (size - *used < sizeof(kStartCode)) return false;
     memcpy(buf + *used, kStartCode, sizeof(kStartCode));
     *used += sizeof(kStartCode);
-    if (!read_u16(io, handle, &len)) return false;
+    if (!src.u16(&len)) return false;
     if (len > size - *used) return false;
-    if (!read_bytes(io, handle, buf + *used, len)) return false;
+    if (!src.bytes(buf + *used, len)) return false;
     *used += len;
   }
   return true;
 }
 
-}  // namespace
-
-int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
-  tarnd_property *slot = claim_property_slot(ctx, box, "parser_hvcC");
-  if (slot == nullptr) return -1;
+template <class Source>
+int32_t parse_hvcC(Source &src, tarnd_ctx *ctx, tarnd_property *slot) {
   uint8_t length_byte, array_cnt;
-  if (!skip_by(io, handle, kFixedFieldsSize) || !read_u8(io, handle, &length_byte)) return -1;
-  if (!read_u8(io, handle, &array_cnt)) return -1;
+  if (!src.skip(kFixedFieldsSize) || !src.u8(&length_byte)) return -1;
+  if (!src.u8(&array_cnt)) return -1;
 
   // Measuring pass: remember where every parameter-set array starts.
   ParamArray arrays[kMaxArrays];
@@ -61,18 +58,18 @@ int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   for (uint32_t i = 0; i < array_cnt; ++i) {
     uint8_t type_byte;
     uint16_t nal_cnt;
-    if (!read_u8(io, handle, &type_byte) || !read_u16(io, handle, &nal_cnt)) return -1;
+    if (!src.u8(&type_byte) || !src.u16(&nal_cnt)) return -1;
     const uint8_t nal_type = type_byte & 0x3fu;
     const bool keep = is_param_set(nal_type);
     if (keep) {
       arrays[found].nal_type = nal_type;
       arrays[found].nal_cnt = nal_cnt;
-      if (!tell_pos(io, handle, &arrays[found].start)) return -1;
+      if (!src.tell(&arrays[found].start)) return -1;
       ++found;
     }
     for (uint32_t n = 0; n < nal_cnt; ++n) {
       uint16_t len;
-      if (!read_u16(io, handle, &len) || !skip_by(io, handle, len)) return -1;
+      if (!src.u16(&len) || !src.skip(len)) return -1;
       if (keep) total += static_cast<uint64_t>(len) + sizeof(kStartCode);
     }
   }
@@ -82,20 +79,17 @@ int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   }
   // A source whose skip runs past its end must not size the buffer.
   uint64_t pos = 0, size = 0;
-  if (!tell_pos(io, handle, &pos) || !source_size(io, handle, &size)) return -1;
+  if (!src.tell(&pos) || !src.size(&size)) return -1;
   if (pos > size) return -1;
 
-  uint8_t *buf = static_cast<uint8_t *>(malloc(static_cast<size_t>(total != 0 ? total : 1)));
+  uint8_t *buf = static_cast<uint8_t *>(model_alloc(ctx, static_cast<size_t>(total)));
   if (buf == nullptr) return -1;
   uint64_t used = 0;
   const uint8_t order[3] = {kNalVps, kNalSps, kNalPps};
   for (uint8_t kind : order) {
     for (uint32_t i = 0; i < found; ++i) {
       if (arrays[i].nal_type != kind) continue;
-      if (!copy_array(io, handle, arrays[i], buf, total, &used)) {
-        free(buf);
-        return -1;
-      }
+      if (!copy_array(src, arrays[i], buf, total, &used)) return -1;
     }
   }
   slot->payload.hvcC.nal_length_size = (length_byte & 3u) + 1;
@@ -103,4 +97,12 @@ int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   slot->payload.hvcC.config_data = buf;
   ++ctx->meta.property_cnt;
   return 0;
+}
+
+}  // namespace
+
+int32_t parser_hvcC(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  tarnd_property *slot = claim_property_slot(ctx, box, "parser_hvcC");
+  if (slot == nullptr) return -1;
+  return with_source(io, handle, [&](auto &src) { return parse_hvcC(src, ctx, slot); });
 }

@@ -123,7 +123,10 @@ int32_t parser_iinf(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   return 0;
 }
 
-int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+namespace {
+
+template <class Source>
+int32_t parse_infe(Source &src, const tarnd_box *box, tarnd_ctx *ctx) {
   tarnd_meta *meta = &ctx->meta;
   if (meta->infe_index >= meta->item_cnt) return -1;
   if (meta->items == nullptr) {
@@ -132,14 +135,14 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   }
   uint32_t id;
   if (box->version == 3) {
-    if (!read_u32(io, handle, &id)) return -1;
+    if (!src.u32(&id)) return -1;
     if (id > kMaxItemId) {
       TARN_LOGW("tarnd_handlers", "%s : item id is too big(%u)", "parser_infe", id);
       return -1;
     }
   } else {
     uint16_t id16;
-    if (!read_u16(io, handle, &id16)) return -1;
+    if (!src.u16(&id16)) return -1;
     id = id16;
   }
   // Tolerant reading takes ids in any order: the id table finds each one.
@@ -166,7 +169,7 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   tarnd_item *item = claim_item_slot(ctx, id, "parser_infe");
   if (item == nullptr) return -1;
   uint16_t protection_index;
-  if (!read_u16(io, handle, &protection_index)) return -1;
+  if (!src.u16(&protection_index)) return -1;
 
   // Versions 2 and 3 name the item type; 3 only widens the id.
   if (box->version == 2 || box->version == 3) {
@@ -174,7 +177,7 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
       TARN_LOGE("tarnd_handlers", "duplicated item(type : %u). abnormal file", item->item_type);
       return -1;
     }
-    if (!read_fcc(io, handle, &item->item_type)) return -1;
+    if (!src.fcc(&item->item_type)) return -1;
     if (item->item_type == kFccHvc1 || item->item_type == kFccJpeg) {
       item->view.image.colr_index = -1;
       item->view.image.hvcC_index = -1;
@@ -185,5 +188,11 @@ int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     }
   }
   ++meta->infe_index;
-  return seek_to(io, handle, box->end) ? 0 : -1;
+  return src.seek(box->end) ? 0 : -1;
+}
+
+}  // namespace
+
+int32_t parser_infe(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  return with_source(io, handle, [&](auto &src) { return parse_infe(src, box, ctx); });
 }

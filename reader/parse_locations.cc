@@ -1,6 +1,4 @@
 // Item-location boxes: iloc, idat, mdat, dref.
-#include <stdlib.h>
-
 #include "common/log.h"
 #include "reader/internal.h"
 
@@ -26,10 +24,11 @@ struct IlocLayout {
   bool has_construction;    // versions 1 and 2
 };
 
-bool read_item_id(const tarnd_io_dsc *io, void *handle, bool wide, uint32_t *id) {
-  if (wide) return read_u32(io, handle, id);
+template <class Source>
+bool read_item_id(Source &src, bool wide, uint32_t *id) {
+  if (wide) return src.u32(id);
   uint16_t id16;
-  if (!read_u16(io, handle, &id16)) return false;
+  if (!src.u16(&id16)) return false;
   *id = id16;
   return true;
 }
@@ -41,14 +40,15 @@ uint32_t field_bytes(uint32_t width) { return width == 4 || width == 8 ? width :
 // Strict reading keeps only the last extent; tolerant reading keeps every
 // extent of an item that has several, so its data is served whole. An entry
 // without extents has no data.
-bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, const IlocLayout &l,
-                bool keep_extents, tarnd_item *item) {
+template <class Source>
+bool read_entry(Source &src, const tarnd_box *box, const IlocLayout &l, tarnd_ctx *ctx, tarnd_item *item) {
+  const bool keep_extents = tolerant(ctx);
   uint16_t method = 0, data_ref, extent_cnt;
-  if (l.has_construction && !read_u16(io, handle, &method)) return false;
-  if (!read_u16(io, handle, &data_ref)) return false;
+  if (l.has_construction && !src.u16(&method)) return false;
+  if (!src.u16(&data_ref)) return false;
   uint64_t base = 0;
-  if (!read_sized(io, handle, l.base_offset_size, &base)) return false;
-  if (!read_u16(io, handle, &extent_cnt)) return false;
+  if (!src.sized(l.base_offset_size, &base)) return false;
+  if (!src.u16(&extent_cnt)) return false;
   uint64_t offset = 0, length = 0;
   // With every extent field zero bytes wide, extents occupy no bytes and
   // all read as 0: a hostile count of 65,535 per entry would otherwise spin
@@ -59,21 +59,19 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
   uint64_t left = 0;
   // The extents must be in the box before they size the list; a list that
   // cannot be kept leaves the item with its last extent, as strictly read.
-  if (keep_extents && extent_cnt > 1 && bytes_left(io, handle, box, &left) && extent_cnt <= left / extent_bytes) {
-    extents = static_cast<tarnd_extent *>(malloc(extent_cnt * sizeof(tarnd_extent)));
+  if (keep_extents && extent_cnt > 1 && src.left(box, &left) && extent_cnt <= left / extent_bytes) {
+    extents = static_cast<tarnd_extent *>(model_alloc(ctx, extent_cnt * sizeof(tarnd_extent)));
     if (extents == nullptr) TARN_LOGW("tarnd_handlers", "failed to alloc item extents");
   }
   uint64_t total = 0;
   for (uint32_t e = 0; e < extent_cnt; ++e) {
     uint64_t index;
-    if (!read_sized(io, handle, l.index_size, &index) || !read_sized(io, handle, l.offset_size, &offset) ||
-        !read_sized(io, handle, l.length_size, &length)) {
-      free(extents);
+    if (!src.sized(l.index_size, &index) || !src.sized(l.offset_size, &offset) ||
+        !src.sized(l.length_size, &length)) {
       return false;
     }
     if (extents != nullptr && length > UINT64_MAX - total) {
-      free(extents);  // a sum that does not fit: no item holds that much
-      extents = nullptr;
+      extents = nullptr;  // a sum that does not fit: no item holds that much
     }
     if (extents != nullptr) {
       extents[e].offset = base + offset;
@@ -82,8 +80,7 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
     }
   }
   if (l.has_construction) item->construction_method = method & 0xfu;
-  free(item->extents);  // an item listed again keeps only its last entry
-  item->extents = extents;
+  item->extents = extents;  // an item listed again keeps only its last entry
   item->extent_cnt = extents != nullptr ? extent_cnt : 0;
   // Wrapping is harmless here: every later read checks offset and length
   // against the data it serves.
@@ -99,9 +96,12 @@ bool read_entry(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, cons
 
 }  // namespace
 
-int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+namespace {
+
+template <class Source>
+int32_t parse_iloc(Source &src, const tarnd_box *box, tarnd_ctx *ctx) {
   uint8_t sizes[2];
-  if (!read_bytes(io, handle, sizes, 2)) return -1;
+  if (!src.bytes(sizes, 2)) return -1;
   IlocLayout layout;
   layout.offset_size = sizes[0] >> 4;
   layout.length_size = sizes[0] & 0xfu;
@@ -112,9 +112,9 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   layout.wide_ids = box->version == 2;
 
   uint32_t count;
-  if (!read_item_id(io, handle, layout.wide_ids, &count)) return -1;
+  if (!read_item_id(src, layout.wide_ids, &count)) return -1;
   uint64_t left = 0;
-  if (!bytes_left(io, handle, box, &left)) return -1;
+  if (!src.left(box, &left)) return -1;
   if (count == 0 || count > kMaxItemCount || count > left / kMinIlocEntrySize) {
     TARN_LOGW("tarnd_handlers", "%s : item count is abnormal(%u)", "parser_iloc", count);
     return -1;
@@ -133,7 +133,7 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
 
   for (uint32_t i = 0; i < count; ++i) {
     uint32_t id;
-    if (!read_item_id(io, handle, layout.wide_ids, &id)) return -1;
+    if (!read_item_id(src, layout.wide_ids, &id)) return -1;
     if (id > kMaxItemId) {
       TARN_LOGW("tarnd_handlers", "%s : item id is too big(%u)", "parser_iloc", id);
       return -1;
@@ -144,10 +144,16 @@ int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     }
     tarnd_item *item = claim_item_slot(ctx, id, "parser_iloc");
     if (item == nullptr) return -1;
-    if (!read_entry(io, handle, box, layout, tolerant(ctx), item)) return -1;
+    if (!read_entry(src, box, layout, ctx, item)) return -1;
     ++meta->infe_index;
   }
   return 0;
+}
+
+}  // namespace
+
+int32_t parser_iloc(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  return with_source(io, handle, [&](auto &src) { return parse_iloc(src, box, ctx); });
 }
 
 int32_t parser_idat(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
@@ -158,18 +164,14 @@ int32_t parser_idat(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     // A payload the source does not hold fails like a short read, before it
     // sizes a buffer.
     if (box->payload_size > left) return -1;
-    data = static_cast<uint8_t *>(malloc(static_cast<size_t>(box->payload_size != 0 ? box->payload_size : 1)));
+    data = static_cast<uint8_t *>(model_alloc(ctx, static_cast<size_t>(box->payload_size)));
   }
   if (data == nullptr) {
     TARN_LOGW("tarnd_handlers", "parser_idat failed to alloc idat(alloc size : %llu)",
               static_cast<unsigned long long>(box->payload_size));
     return -1;
   }
-  if (!read_bytes(io, handle, data, static_cast<uint32_t>(box->payload_size))) {
-    free(data);
-    return -1;
-  }
-  free(ctx->meta.idat);
+  if (!read_bytes(io, handle, data, static_cast<uint32_t>(box->payload_size))) return -1;
   ctx->meta.idat = data;
   ctx->meta.idat_size = box->payload_size;
   return 0;

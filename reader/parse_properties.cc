@@ -41,7 +41,7 @@ int32_t parser_ipco(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   uint64_t capacity = (left < box->payload_size ? left : box->payload_size) / kMinPropertySize;
   if (capacity > kMaxPropertySlots) capacity = kMaxPropertySlots;
   meta->properties = static_cast<tarnd_property *>(
-      calloc(static_cast<size_t>(capacity != 0 ? capacity : 1), sizeof(tarnd_property)));
+      model_calloc(ctx, static_cast<size_t>(capacity != 0 ? capacity : 1), sizeof(tarnd_property)));
   if (meta->properties == nullptr) {
     TARN_LOGW("tarnd_handlers", "failed to alloc item properties");
     return -1;
@@ -68,10 +68,13 @@ int32_t parser_unknown_property(const tarnd_io_dsc *io, void *handle, const tarn
   return seek_to(io, handle, box->end) ? 0 : -1;
 }
 
-int32_t parser_ipma(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+namespace {
+
+template <class Source>
+int32_t parse_ipma(Source &src, const tarnd_box *box, tarnd_ctx *ctx) {
   tarnd_meta *meta = &ctx->meta;
   uint32_t entry_cnt;
-  if (!read_u32(io, handle, &entry_cnt)) return -1;
+  if (!src.u32(&entry_cnt)) return -1;
 
   if (kMinIpmaEntrySize * entry_cnt >= box->payload_size) {
     TARN_LOGW("tarnd_handlers", "atom data size is abnormal. atom data size : %lld, entry_cnt : %zu",
@@ -81,7 +84,7 @@ int32_t parser_ipma(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   // No box can hold more associations than bytes beyond its entries' fixed
   // parts, nor more than the source still holds.
   uint64_t left = 0;
-  if (!bytes_left(io, handle, box, &left)) return -1;
+  if (!src.left(box, &left)) return -1;
   uint64_t capacity = box->payload_size - kMinIpmaEntrySize * entry_cnt;
   if (capacity > left) capacity = left;
   if (capacity >= kMaxAssociations) {
@@ -97,12 +100,12 @@ int32_t parser_ipma(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
     return -1;
   }
   tarnd_association *table = static_cast<tarnd_association *>(
-      realloc(meta->association_list,
-              static_cast<size_t>(total != 0 ? total : 1) * sizeof(tarnd_association)));
+      model_alloc(ctx, static_cast<size_t>(total != 0 ? total : 1) * sizeof(tarnd_association)));
   if (table == nullptr) {
     TARN_LOGW("tarnd_handlers", "failed to alloc association table");
     return -1;
   }
+  if (stored_before != 0) memcpy(table, meta->association_list, stored_before * sizeof(tarnd_association));
   meta->association_list = table;
 
   const bool wide_ids = box->version != 0;
@@ -111,23 +114,23 @@ int32_t parser_ipma(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   for (uint32_t e = 0; e < entry_cnt; ++e) {
     uint32_t item_id;
     if (wide_ids) {
-      if (!read_u32(io, handle, &item_id)) return -1;
+      if (!src.u32(&item_id)) return -1;
     } else {
       uint16_t id16;
-      if (!read_u16(io, handle, &id16)) return -1;
+      if (!src.u16(&id16)) return -1;
       item_id = id16;
     }
     uint8_t assoc_cnt;
-    if (!read_u8(io, handle, &assoc_cnt)) return -1;
+    if (!src.u8(&assoc_cnt)) return -1;
     for (uint32_t a = 0; a < assoc_cnt; ++a) {
       uint32_t index;
       if (wide_index) {
         uint16_t v;
-        if (!read_u16(io, handle, &v)) return -1;
+        if (!src.u16(&v)) return -1;
         index = v & 0x7fffu;
       } else {
         uint8_t v;
-        if (!read_u8(io, handle, &v)) return -1;
+        if (!src.u8(&v)) return -1;
         index = v & 0x7fu;
       }
       // Index 0 means "no property"; the essential bit is dropped.
@@ -143,4 +146,10 @@ int32_t parser_ipma(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, 
   }
   meta->association_cnt = stored;
   return 0;
+}
+
+}  // namespace
+
+int32_t parser_ipma(const tarnd_io_dsc *io, void *handle, const tarnd_box *box, tarnd_ctx *ctx) {
+  return with_source(io, handle, [&](auto &src) { return parse_ipma(src, box, ctx); });
 }

@@ -1,6 +1,4 @@
 // Item references: the thmb, cdsc, dimg and auxl children of iref.
-#include <stdlib.h>
-
 #include "common/log.h"
 #include "reader/internal.h"
 
@@ -72,15 +70,14 @@ int32_t parser_single_iref(const tarnd_io_dsc *io, void *handle, const tarnd_box
     from->ref_to_cnt[k] = 0;
     return -1;
   }
-  uint16_t *ids = static_cast<uint16_t *>(calloc(count, sizeof(uint16_t)));
+  uint16_t *ids = static_cast<uint16_t *>(model_calloc(ctx, count, sizeof(uint16_t)));
   if (ids == nullptr) {
     from->ref_to_cnt[k] = 0;
     TARN_LOGW("tarnd_handlers", "failed to alloc reference list");
     return -1;
   }
-  // The list belongs to slot k from here on, so close releases it even if the
-  // box fails below (the slot is then not counted for queries).
-  free(from->ref_to_ids[k]);
+  // The list belongs to slot k from here on, even if the box fails below
+  // (the slot is then not counted for queries).
   from->ref_to_ids[k] = ids;
   if (box->type == kFccDimg) {
     if (from->item_type == kFccGrid) from->flags |= TARND_ITEM_GRID;

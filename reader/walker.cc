@@ -52,7 +52,7 @@ constexpr int32_t kHandlerCount = static_cast<int32_t>(sizeof(kHandlers) / sizeo
 
 // Only these containers are pushed: a child that claims to run past the
 // source resumes at its container's end.
-const char kContainers[] = "metadinfiinfiprp";
+constexpr char kContainers[] = "metadinfiinfiprp";
 constexpr int32_t kContainerCount = 4;
 
 constexpr uint64_t kBoxHeaderSize = 8;
@@ -61,6 +61,7 @@ constexpr uint64_t kFullBoxFieldsSize = 4;
 // Beyond this many unknown boxes the source is taken to be no HEIF file.
 constexpr int32_t kMaxUnknownBoxes = 8192;
 constexpr uint32_t kFccTrld = TARND_FCC('t', 'r', 'l', 'd');
+constexpr uint32_t kFccMeta = TARND_FCC('m', 'e', 't', 'a');
 
 void pop_ended(tarnd_cstack *stack, uint64_t position) {
   while (*stack != nullptr && (*stack)->end <= position) tarnd_cstack_pop(stack);
@@ -88,6 +89,11 @@ struct Walk {
   int32_t unknown_cnt;
   bool in_ipco;
   uint64_t ipco_end;
+  // The library's memory source, read in place; null for callbacks.
+  tarn::MemorySource *mem;
+  // Whether the tables are the library's own, which the handler and
+  // container indexes below answer for.
+  bool own_tables;
 };
 
 bool is_local_node(const Walk *w, const tarnd_cstack_node *node) {
@@ -123,8 +129,20 @@ void pop_containers_ended(Walk *w, uint64_t position) {
 // Reads the box header at w->pos into *box. Returns false to stop the walk.
 bool read_header(Walk *w, tarnd_box *box) {
   uint32_t size32;
-  if (!read_u32(w->io, w->handle, &size32) || !read_fcc(w->io, w->handle, &box->type))
+  if (tarn::MemorySource *m = w->mem) {
+    // Both fields at once, with the same outcome as reading them in turn.
+    if (m->size - m->pos < kBoxHeaderSize) {
+      m->pos = m->size;
+      return false;
+    }
+    const uint8_t *p = m->data + m->pos;
+    size32 = static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+             static_cast<uint32_t>(p[2]) << 8 | p[3];
+    box->type = fcc_load(p + 4);
+    m->pos += kBoxHeaderSize;
+  } else if (!read_u32(w->io, w->handle, &size32) || !read_fcc(w->io, w->handle, &box->type)) {
     return false;
+  }
   box->start = w->pos;
   box->header_size = kBoxHeaderSize;
   box->version = 0;
@@ -200,6 +218,38 @@ constexpr HandlerIndex build_index() {
 
 constexpr HandlerIndex kHandlerIndex = build_index();
 
+constexpr uint32_t container_code(int32_t i) {
+  return TARND_FCC(kContainers[4 * i], kContainers[4 * i + 1], kContainers[4 * i + 2], kContainers[4 * i + 3]);
+}
+
+// Which rows of the library's table are containers, so that a box needs no
+// search of the container list.
+struct ContainerRows {
+  bool row[kHandlerCount];
+};
+
+constexpr ContainerRows build_container_rows() {
+  ContainerRows rows{};
+  for (int32_t i = 0; i < kHandlerCount; ++i) {
+    for (int32_t c = 0; c < kContainerCount; ++c) {
+      if (kHandlers[i].fcc == container_code(c)) rows.row[i] = true;
+    }
+  }
+  return rows;
+}
+
+constexpr ContainerRows kContainerRows = build_container_rows();
+
+constexpr bool every_container_has_a_row() {
+  for (int32_t c = 0; c < kContainerCount; ++c) {
+    bool found = false;
+    for (int32_t i = 0; i < kHandlerCount; ++i) found = found || kHandlers[i].fcc == container_code(c);
+    if (!found) return false;
+  }
+  return true;
+}
+static_assert(every_container_has_a_row(), "a container without a handler row would not be pushed");
+
 constexpr bool index_is_perfect() {
   for (int32_t i = 0; i < kHandlerCount; ++i) {
     if (kHandlerIndex.row[hash_slot(kHandlers[i].fcc)] != i) return false;
@@ -211,7 +261,7 @@ static_assert(index_is_perfect(), "two handler codes share a hash slot: choose a
 // The handler row of a code: the same answer as tarn_bsearch with
 // tarnd_grammar_compare over rows sorted by code value.
 const tarnd_handler *find_handler(const Walk *w, uint32_t type) {
-  if (w->handlers == kHandlers && w->handler_cnt == kHandlerCount) {
+  if (w->own_tables) {
     const int8_t row = kHandlerIndex.row[hash_slot(type)];
     return row >= 0 && kHandlers[row].fcc == type ? &kHandlers[row] : nullptr;
   }
@@ -230,23 +280,34 @@ const tarnd_handler *find_handler(const Walk *w, uint32_t type) {
   return nullptr;
 }
 
+bool is_container(const Walk *w, const tarnd_handler *row, uint32_t type) {
+  if (w->own_tables) return row != nullptr && kContainerRows.row[row - kHandlers];
+  return tarnd_search_fcc(type, w->containers, w->container_cnt) >= 0;
+}
+
 Step walk_box(Walk *w) {
   uint64_t start = 0;
-  if (!tell_pos(w->io, w->handle, &start)) return Step::kLeave;
+  if (w->mem != nullptr) {
+    start = w->mem->pos;
+  } else if (!tell_pos(w->io, w->handle, &start)) {
+    return Step::kLeave;
+  }
   pop_containers_ended(w, start);
 
   tarnd_box box;
   if (!read_header(w, &box)) return Step::kStop;
 
+  if (box.type == kFccMeta) {
+    // What the model's first block is sized from: the bytes of the meta box
+    // that the source holds.
+    w->ctx->model_hint = (box.end < w->source_size ? box.end : w->source_size) - box.start;
+  }
   if (box.end > w->source_size && w->stack != nullptr) {
     if (!seek_to(w->io, w->handle, w->stack->end)) return Step::kStop;
     return Step::kNext;
   }
-  if (tarnd_search_fcc(box.type, w->containers, w->container_cnt) >= 0 &&
-      !push_container(w, box.end)) {
-    return Step::kStop;
-  }
   const tarnd_handler *row = find_handler(w, box.type);
+  if (is_container(w, row, box.type) && !push_container(w, box.end)) return Step::kStop;
 
   if (w->in_ipco) {
     if (w->pos >= w->ipco_end) {
@@ -285,7 +346,11 @@ Step walk_box(Walk *w) {
   if (row->parse == nullptr) return Step::kNext;
   if (row->parse(w->io, w->handle, &box, w->ctx) != 0) return Step::kStop;
   uint64_t after = 0;
-  if (!tell_pos(w->io, w->handle, &after)) return Step::kStop;
+  if (w->mem != nullptr) {
+    after = w->mem->pos;
+  } else if (!tell_pos(w->io, w->handle, &after)) {
+    return Step::kStop;
+  }
   if (after < box.end && row->skip_rest) {
     if (!seek_to(w->io, w->handle, box.end)) return Step::kStop;
   }
@@ -305,6 +370,9 @@ int32_t tarnd_parse(const tarnd_handler *handlers, int32_t handler_cnt, const ch
   w.io = io;
   w.handle = handle;
   w.ctx = ctx;
+  w.mem = tarn::as_memory_source(io, handle);
+  w.own_tables = handlers == kHandlers && handler_cnt == kHandlerCount && containers == kContainers &&
+                 container_cnt == kContainerCount;
   if (!source_size(io, handle, &w.source_size)) return 1;
   tarnd_cstack_init(&w.stack);
 
@@ -321,7 +389,7 @@ int32_t tarnd_parse(const tarnd_handler *handlers, int32_t handler_cnt, const ch
     if (step == Step::kLeave) break;
     uint64_t next = 0;
     int32_t r = 0;
-    if (tarn::MemorySource *m = tarn::as_memory_source(io, handle)) {
+    if (tarn::MemorySource *m = w.mem) {
       next = m->pos;
     } else {
       r = io->tell(handle, &next);

@@ -221,15 +221,23 @@ typedef struct tarnd_ctx {
   uint8_t iref_version;
   /* TARND_READ_* mode the file was opened with. */
   uint32_t read_flags;
-  /* Tolerant reading, during the walk only: the number of item slots
-   * taken, in the order the file first named their ids; whether an id came
-   * below its predecessor; and then, for larger item tables, an
+  /* During the walk only: the number of item slots taken, in the order
+   * the file first named their ids; whether an id came below its
+   * predecessor (both modes; while none has, lookups search the sorted
+   * taken slots); and then, in tolerant reading for larger item tables, an
    * open-addressed table from item id to slot (item_slot_mask + 1 entries,
    * 0 for free, else the slot plus 1). */
   uint32_t item_slots_taken;
   uint8_t item_slots_unordered;
   uint32_t *item_slots;
   uint32_t item_slot_mask;
+  /* The blocks the model's arrays are carved from (every pointer marked
+   * owned above, except the query caches of tarnd_item_cache), the first of
+   * them in the context's own allocation, released together by
+   * tarnd_delete; and the size of the meta box the walk met, which sizes
+   * the blocks a larger model adds. */
+  void *model_blocks;
+  uint64_t model_hint;
 } tarnd_ctx;
 
 /*

@@ -250,10 +250,13 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
       }
       if (!reached) break;
     }
-    EXPECT_GT(fail_at, 5) << f.first;
+    // At least the source and the context (which holds the first model
+    // block) were failed.
+    EXPECT_GT(fail_at, 1) << f.first;
   }
   // A 48-tile phone photo opens in either mode with a handful of
-  // allocations, none sized per tile.
+  // allocations, none per tile or per box: the context, the source and the
+  // model's blocks.
   Bytes photo;
   if (!corpus_dir().empty() && read_file(corpus_dir() + "/phones/iphone8plus_grid_thumb_exif.heic", &photo)) {
     for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
@@ -263,7 +266,7 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
       ask_everything(photo, mode, &a);
       g_armed = false;
       EXPECT_EQ(a.create, 0);
-      EXPECT_LT(a.open_allocations, 20) << "mode " << mode;
+      EXPECT_LE(a.open_allocations, 4) << "mode " << mode;
     }
   }
 #endif
