@@ -147,6 +147,9 @@ TEST(Walk, CallersHandlerTable) {
               std::vector<uint32_t>({7, with_ispe ? 64u : 0u, 1}));
     tarnd_delete(ctx);
   }
+  // The container list is searched within its count only.
+  EXPECT_EQ(std::vector<int32_t>({tarnd_search_fcc(fcc("dinf"), "metadinf", 1), tarnd_search_fcc(fcc("dinf"), "metadinf", 2)}),
+            std::vector<int32_t>({-1, 1}));
 }
 
 TEST(Query, ItemInformation) {

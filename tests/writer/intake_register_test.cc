@@ -287,6 +287,7 @@ TEST(Finalise, MetadataFollowsTheFrameInMdat) {
   ASSERT_EQ(mux.cover(1), 0);
   uint32_t offset = 0;
   EXPECT_EQ(tarnm_get_metadata_offset(mux.ctx, 7, 1, &offset), -1);
+  EXPECT_EQ(tarnm_get_metadata_offset(mux.ctx, 1, 0, nullptr), -1);
   const Bytes file = mux.finish();
   ASSERT_GT(file.size(), 32u);
   EXPECT_EQ(tarn_test::be32(&file[24]), 8 + fx.single.frame().size() + 4 + sizeof kExif + sizeof kXmp);
