@@ -100,6 +100,8 @@ TEST(Query, RolesInformationAndReferences) {
   EXPECT_EQ(std::vector<int32_t>({info.crop.left, info.crop.top, info.crop.right, info.crop.bottom}),
             std::vector<int32_t>({16, 12, 48, 36}));
   EXPECT_EQ(info.flags, 0x1100u);
+  ASSERT_EQ(tarnd_get_info_image(ctx.get(), 1, &info), 0);  // the image the alpha plane belongs to
+  EXPECT_NE(info.flags & TARND_ITEM_HAS_AUX, 0u);
   // A tmap's dimg makes it neither a grid nor an overlay; a grid's does.
   for (const auto &want : {std::make_pair(4, 0u), std::make_pair(7, TARND_ITEM_GRID)}) {
     info = {};

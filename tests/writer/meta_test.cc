@@ -122,7 +122,8 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
                 tarnm_reallocate_image_buffer(nullptr) & atom_dump_tmap_data(d, 1, nullptr) &
                 tarn_mblk_dump(&s->ipco_list, nullptr) & tarn_mblk_dump_size(nullptr, s) &
                 tarnm_atom_header(nullptr, 1, 0, 0, 0, d) & tarnm_get_pixi_property_index(nullptr, d, 1) &
-                tarnm_get_colr_property_index(nullptr, d, 1) & tarnm_get_hvcc_property_index(nullptr, d, 1) & tarnm_get_ispe_property_index(nullptr, 1, 1) &
+                tarnm_get_colr_property_index(nullptr, d, 1) & tarnm_get_hvcc_property_index(nullptr, d, 1) &
+                tarnm_get_irot_property_index(nullptr, 90) & tarnm_get_ispe_property_index(nullptr, 1, 1) &
                 tarnm_alloc_additional_buffer(nullptr, 1) & tarn_chunk_dump(nullptr, d, 1, 0) &
                 tarn_chunk_dump(s, nullptr, 1, 0);
        },
