@@ -56,6 +56,13 @@ inline uint32_t fcc_load(const uint8_t *p) {
          static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
 
+// Big-endian fields in file order.
+inline uint16_t be16_load(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+inline uint32_t be32_load(const uint8_t *p) {
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+         static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
 // Every helper below reads a file held by the library's own memory source
 // in place and goes through the caller's callbacks otherwise; both ways
 // leave the source at the same position with the same result.
@@ -87,15 +94,14 @@ inline bool read_u8(const tarnd_io_dsc *io, void *handle, uint8_t *v) {
 inline bool read_u16(const tarnd_io_dsc *io, void *handle, uint16_t *v) {
   uint8_t b[2];
   if (!read_bytes(io, handle, b, sizeof(b))) return false;
-  *v = static_cast<uint16_t>(b[0] << 8 | b[1]);
+  *v = be16_load(b);
   return true;
 }
 
 inline bool read_u32(const tarnd_io_dsc *io, void *handle, uint32_t *v) {
   uint8_t b[4];
   if (!read_bytes(io, handle, b, sizeof(b))) return false;
-  *v = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-       static_cast<uint32_t>(b[2]) << 8 | b[3];
+  *v = be32_load(b);
   return true;
 }
 
@@ -192,13 +198,13 @@ class InPlaceSource {
   }
   bool u16(uint16_t *v) {
     if (size_ - pos_ < 2) return fail();
-    *v = static_cast<uint16_t>(data_[pos_] << 8 | data_[pos_ + 1]);
+    *v = be16_load(data_ + pos_);
     pos_ += 2;
     return true;
   }
   bool u32(uint32_t *v) {
     if (size_ - pos_ < 4) return fail();
-    *v = load32(pos_);
+    *v = be32_load(data_ + pos_);
     pos_ += 4;
     return true;
   }
@@ -206,7 +212,7 @@ class InPlaceSource {
   bool sized(uint32_t width, uint64_t *v) {
     if (width == 8) {
       if (size_ - pos_ < 8) return fail();
-      *v = static_cast<uint64_t>(load32(pos_)) << 32 | load32(pos_ + 4);
+      *v = static_cast<uint64_t>(be32_load(data_ + pos_)) << 32 | be32_load(data_ + pos_ + 4);
       pos_ += 8;
       return true;
     }
@@ -256,10 +262,6 @@ class InPlaceSource {
   }
 
  private:
-  uint32_t load32(uint64_t at) const {
-    return static_cast<uint32_t>(data_[at]) << 24 | static_cast<uint32_t>(data_[at + 1]) << 16 |
-           static_cast<uint32_t>(data_[at + 2]) << 8 | data_[at + 3];
-  }
   // A short read leaves the source at its end.
   bool fail() {
     pos_ = size_;

@@ -221,11 +221,6 @@ int32_t read_copy(ItemReader *r, uint64_t n, uint8_t **out) {
 
 // ---- grid layout ----
 
-uint32_t be16(const uint8_t *p) { return static_cast<uint32_t>(p[0]) << 8 | p[1]; }
-uint32_t be32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-         static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
 
 int32_t grid_size_invalid(uint64_t size) {
   TARN_LOGW(kTag, "%s : grid data size is invalid(%llu)", "tarnd_get_info_item",
@@ -278,12 +273,12 @@ int32_t info_grid(tarnd_ctx *ctx, const tarnd_item &item, int32_t item_id, tarnd
   out->columns = data[3] + 1u;
   if (data[1] & kGridFlagLargeSizes) {
     if (size < kGridSize32) return grid_size_invalid(size);
-    out->output_width = be32(data + 4);
-    out->output_height = be32(data + 8);
+    out->output_width = be32_load(data + 4);
+    out->output_height = be32_load(data + 8);
   } else {
     if (size < kGridSize16) return grid_size_invalid(size);
-    out->output_width = be16(data + 4);
-    out->output_height = be16(data + 6);
+    out->output_width = be16_load(data + 4);
+    out->output_height = be16_load(data + 6);
   }
   return 0;
 }

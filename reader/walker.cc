@@ -136,8 +136,7 @@ bool read_header(Walk *w, tarnd_box *box) {
       return false;
     }
     const uint8_t *p = m->data + m->pos;
-    size32 = static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-             static_cast<uint32_t>(p[2]) << 8 | p[3];
+    size32 = be32_load(p);
     box->type = fcc_load(p + 4);
     m->pos += kBoxHeaderSize;
   } else if (!read_u32(w->io, w->handle, &size32) || !read_fcc(w->io, w->handle, &box->type)) {
