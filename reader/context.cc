@@ -100,15 +100,20 @@ bool ids_increase(const tarnd_meta *meta) {
 // holding an id is found directly or by binary search, so a file whose
 // associations name ids it lacks costs log n per association instead of a
 // full scan.
-bool find_slot(const tarnd_meta *meta, bool increasing, uint32_t id, uint32_t *slot) {
-  if (!increasing || meta->item_cnt == 0) {
-    return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
-  }
-  if (find_sorted_slot(meta->items, meta->item_cnt, id, slot)) return true;
+// tarnd_find_itemIndex's line for an id the sorted slots lack (none below
+// the first id, as there).
+[[gnu::noinline]] bool missing_sorted_id(const tarnd_meta *meta, uint32_t id) {
   if (id >= meta->items[0].item_id)
     TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
               static_cast<int>(id), meta->item_cnt);
   return false;
+}
+
+bool find_slot(const tarnd_meta *meta, bool increasing, uint32_t id, uint32_t *slot) {
+  if (!increasing || meta->item_cnt == 0) {
+    return tarnd_find_itemIndex(meta->items, meta->item_cnt, id, slot) == 0;
+  }
+  return find_sorted_slot(meta->items, meta->item_cnt, id, slot) || missing_sorted_id(meta, id);
 }
 
 void bind_properties(tarnd_ctx *ctx) {
@@ -282,15 +287,6 @@ bool create_item_tables(tarnd_ctx *ctx) {
 }
 
 namespace {
-
-// tarnd_find_itemIndex's line for an id the sorted taken slots lack (none
-// below the first id, as there).
-[[gnu::noinline]] bool missing_sorted_id(const tarnd_meta *meta, uint32_t id) {
-  if (id >= meta->items[0].item_id)
-    TARN_LOGI("tarn_util", "itemIndex could not be found. item_id : %d, item_cnt : %u",
-              static_cast<int>(id), meta->item_cnt);
-  return false;
-}
 
 [[gnu::noinline]] bool find_item_slot_unsorted(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
   if (ctx->item_slots_unordered && tolerant(ctx) && find_unordered_slot(ctx, id, slot)) return true;
