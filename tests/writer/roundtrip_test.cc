@@ -237,6 +237,19 @@ TEST(RoundTrip, EveryScenarioReadsBackAndIsDeterministic) {
     const Bytes file = first.finish();
     tarn_test::check_with_reader(file, first.expect);
     EXPECT_TRUE(file == second.finish());
+    // Into a caller's buffer: the frames fill it up to the mdat's end, the
+    // file fills it to its last byte, and one byte short fails the finish
+    // without a write past the end.
+    const size_t mdat_end = tarn_test::children(file, 0, file.size())[1].end;
+    for (const size_t room : {mdat_end, file.size() - 1, file.size()}) {
+      Mux into;
+      Bytes buf(room + 1, 0xEE);
+      ASSERT_EQ(tarnm_use_delivered_memory_buffer(into.ctx, buf.data(), int32_t(room)), 0);
+      ASSERT_EQ(sc.build(&into), nullptr) << room;
+      EXPECT_EQ(tarnm_stop_muxing(into.ctx), room == file.size() ? 0 : -3) << room;
+      EXPECT_EQ(buf.back(), 0xEE);
+      EXPECT_TRUE(room < file.size() || Bytes(buf.begin(), buf.end() - 1) == file);
+    }
   }
 }
 
