@@ -101,6 +101,9 @@ TEST(BitReader, NalRefillDropsEmulationPreventionAndStopsAtStartCodes) {
 TEST(BitReader, AReadAcrossTheEndGetsZeroBits) {
   const Bytes buf = {0x12, 0x34, 0x56, 0x78, 0x9A};
   omni_bsr bs = reader(buf, nullptr);
+  // A peek longer than the cache takes its last bits from the final byte.
+  EXPECT_EQ(omni_bsr_read(&bs, 4) + omni_bsr_peek(&bs, 32), 0x23456789u + 1);
+  bs = reader(buf, nullptr);
   EXPECT_EQ(omni_bsr_read(&bs, 28), 0x1234567u);
   EXPECT_EQ(omni_bsr_read(&bs, 16), 0x89A0u);
   omni_bsr_init(&bs, nullptr, 100, nullptr);  // a null buffer is empty whatever its size

@@ -162,7 +162,8 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
     EXPECT_EQ(0u, w.st->grpl_list.elem_count + w.st->iref_list.elem_count + w.st->ipma_list.elem_count);
     EXPECT_EQ(0, tarnm_add_element_ispe(w.st, 1, 1));
   }
-  Writer w;  // a lookup of an absent property finds nothing
+  Writer w;  // an empty hvcC needs no bytes; a lookup of an absent property finds nothing
+  EXPECT_EQ(0, tarnm_add_element_hvcC(w.st, nullptr, 0));
   EXPECT_EQ(-1, tarnm_get_hvcc_property_index(w.st, kBytes, 2));
   EXPECT_EQ(-1, tarnm_get_ispe_property_index(w.st, 64, 32));
   static const uint8_t kDepths[3] = {8, 10, 12};
