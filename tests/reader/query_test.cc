@@ -149,6 +149,13 @@ TEST(Walk, CallersHandlerTable) {
               std::vector<uint32_t>({7, with_ispe ? 64u : 0u, 1}));
     tarnd_delete(ctx);
   }
+  // The container stack lets go of every node.
+  tarnd_cstack stack;
+  tarnd_cstack_init(&stack);
+  const tarnd_cstack_node node{};
+  ASSERT_EQ(tarnd_cstack_push(&stack, &node) + tarnd_cstack_push(&stack, &node), 0);
+  tarnd_cstack_deinit(&stack);
+  EXPECT_EQ(stack, nullptr);
   // The container list is searched within its count only.
   EXPECT_EQ(std::vector<int32_t>({tarnd_search_fcc(fcc("dinf"), "metadinf", 1), tarnd_search_fcc(fcc("dinf"), "metadinf", 2)}),
             std::vector<int32_t>({-1, 1}));

@@ -62,7 +62,9 @@ TEST(KeyFrame, HeaderRules) {
       {102, {0, 0, 1, 0xB6, 0}, 1}, {102, {0, 0, 0x80, 1, 0x08, 0}, 0},
       {119, {0x10, 0, 0, 0x9D, 1, 0x2A}, 1},  // a VP8 key frame of its tag and start code alone
       // AVC IDR start code filling the frame; MPEG-4 start code of another unit; a zero run after a header
-      {104, {0, 0, 1, 0x65}, 1}, {102, {0, 0, 1, 0x20, 0}, 0}, {103, {0, 0, 1, 0x80, 2, 0, 0, 0}, 0}};
+      {104, {0, 0, 1, 0x65}, 1}, {102, {0, 0, 1, 0x20, 0}, 0}, {103, {0, 0, 1, 0x80, 2, 0, 0, 0}, 0},
+      // HEVC: an IDR start code filling the frame; a picture of VCL type 9 decides before an IDR
+      {120, {0, 0, 1, 0x26}, 1}, {120, {0, 0, 1, 0x12, 1, 0, 0, 1, 0x26, 1}, 0}};
   for (const auto &[type, f, key] : kCases) EXPECT_EQ(key_of(type, f.data(), f.size()), key) << type;
   const uint8_t idr[] = {0, 0, 1, 0x65};
   EXPECT_EQ(omni_is_vkeyfrm(104, idr, -4), 0);
