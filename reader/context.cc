@@ -312,6 +312,11 @@ bool find_item_slot(const tarnd_ctx *ctx, uint32_t id, uint32_t *slot) {
 
 tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
   tarnd_meta *meta = &ctx->meta;
+  // The running slot already holding id (iloc and iinf listing the items in
+  // the same order): in both modes, while the taken ids increase they are
+  // unique, so it is the slot any search below would find.
+  tarnd_item *running = &meta->items[meta->infe_index];
+  if (running->item_id == id && id != 0 && !ctx->item_slots_unordered) return running;
   uint32_t slot;
   if (tolerant(ctx)) {
     // Any order: the slot already holding id, else the next untaken one.

@@ -64,9 +64,9 @@ int32_t parser_single_iref(const tarnd_io_dsc *io, void *handle, const tarnd_box
     return 0;
   }
   // The ids must be in the box before they size the list.
+  // The ids' width is 2 or 4 bytes: shifts, not a 64-bit division per box.
   uint64_t left = 0;
-  const uint64_t id_size = wide ? 4 : 2;
-  if (!bytes_left(io, handle, box, &left) || count > left / id_size) {
+  if (!bytes_left(io, handle, box, &left) || count > (wide ? left >> 2 : left >> 1)) {
     from->ref_to_cnt[k] = 0;
     return -1;
   }

@@ -37,7 +37,25 @@ bool is_negative(const tarnd_fraction &f) { return f.n != 0 && ((f.n < 0) != (f.
 
 // One edge of the crop: centre + offset - extent / 2, which must be a
 // non-negative whole number.
+// Below this magnitude every step of the fraction arithmetic stays far
+// inside 32 bits for offsets in whole or half pixels.
+constexpr int32_t kDirectEdgeBound = 1 << 27;
+
 bool crop_edge(int32_t image_extent, int32_t off_n, int32_t off_d, int32_t aperture_extent, int32_t *edge) {
+  // Whole and half-pixel offsets (what encoders write) are answered in half
+  // pixels without the divisions of the fraction toolkit. Within the bound
+  // no step of the toolkit can overflow, so both ways accept and refuse the
+  // same apertures with the same edges.
+  if ((off_d == 1 || off_d == 2) && image_extent > -kDirectEdgeBound && image_extent < kDirectEdgeBound &&
+      off_n > -kDirectEdgeBound && off_n < kDirectEdgeBound && aperture_extent < kDirectEdgeBound) {
+    const int32_t twice = image_extent + (off_d == 1 ? 2 * off_n : off_n) - aperture_extent;
+    if (twice < 0 || (twice & 1) != 0) {
+      TARN_LOGW(kTag, "crop area is abnormal");
+      return false;
+    }
+    *edge = twice / 2;
+    return true;
+  }
   tarnd_fraction pos;
   tarnd_fraction offset;
   tarnd_fraction half_aperture;

@@ -204,40 +204,40 @@ constexpr int kHashBits = 6;
 
 constexpr uint32_t hash_slot(uint32_t fcc) { return (fcc * kHashMultiplier) >> (32 - kHashBits); }
 
-struct HandlerIndex {
-  int8_t row[1 << kHashBits];
-};
-
-constexpr HandlerIndex build_index() {
-  HandlerIndex index{};
-  for (int8_t &row : index.row) row = -1;
-  for (int32_t i = 0; i < kHandlerCount; ++i) index.row[hash_slot(kHandlers[i].fcc)] = static_cast<int8_t>(i);
-  return index;
-}
-
-constexpr HandlerIndex kHandlerIndex = build_index();
-
 constexpr uint32_t container_code(int32_t i) {
   return TARND_FCC(kContainers[4 * i], kContainers[4 * i + 1], kContainers[4 * i + 2], kContainers[4 * i + 3]);
 }
 
-// Which rows of the library's table are containers, so that a box needs no
-// search of the container list.
-struct ContainerRows {
-  bool row[kHandlerCount];
-};
-
-constexpr ContainerRows build_container_rows() {
-  ContainerRows rows{};
-  for (int32_t i = 0; i < kHandlerCount; ++i) {
-    for (int32_t c = 0; c < kContainerCount; ++c) {
-      if (kHandlers[i].fcc == container_code(c)) rows.row[i] = true;
-    }
+constexpr bool is_container_code(uint32_t fcc) {
+  for (int32_t c = 0; c < kContainerCount; ++c) {
+    if (fcc == container_code(c)) return true;
   }
-  return rows;
+  return false;
 }
 
-constexpr ContainerRows kContainerRows = build_container_rows();
+// Each slot holds its row's code and whether the row is a container, so
+// that a box is matched and classified from one slot.
+struct HandlerSlot {
+  uint32_t fcc;
+  int8_t row;  // -1 for an empty slot
+  bool container;
+};
+
+struct HandlerIndex {
+  HandlerSlot slot[1 << kHashBits];
+};
+
+constexpr HandlerIndex build_index() {
+  HandlerIndex index{};
+  for (HandlerSlot &slot : index.slot) slot = {0, -1, false};
+  for (int32_t i = 0; i < kHandlerCount; ++i) {
+    index.slot[hash_slot(kHandlers[i].fcc)] = {kHandlers[i].fcc, static_cast<int8_t>(i),
+                                               is_container_code(kHandlers[i].fcc)};
+  }
+  return index;
+}
+
+constexpr HandlerIndex kHandlerIndex = build_index();
 
 constexpr bool every_container_has_a_row() {
   for (int32_t c = 0; c < kContainerCount; ++c) {
@@ -251,19 +251,26 @@ static_assert(every_container_has_a_row(), "a container without a handler row wo
 
 constexpr bool index_is_perfect() {
   for (int32_t i = 0; i < kHandlerCount; ++i) {
-    if (kHandlerIndex.row[hash_slot(kHandlers[i].fcc)] != i) return false;
+    if (kHandlerIndex.slot[hash_slot(kHandlers[i].fcc)].row != i) return false;
   }
   return true;
 }
 static_assert(index_is_perfect(), "two handler codes share a hash slot: choose another multiplier");
 
 // The handler row of a code: the same answer as tarn_bsearch with
-// tarnd_grammar_compare over rows sorted by code value.
-const tarnd_handler *find_handler(const Walk *w, uint32_t type) {
+// tarnd_grammar_compare over rows sorted by code value. *container tells
+// whether the code is in the container list.
+const tarnd_handler *find_handler(const Walk *w, uint32_t type, bool *container) {
   if (w->own_tables) {
-    const int8_t row = kHandlerIndex.row[hash_slot(type)];
-    return row >= 0 && kHandlers[row].fcc == type ? &kHandlers[row] : nullptr;
+    const HandlerSlot &slot = kHandlerIndex.slot[hash_slot(type)];
+    if (slot.fcc != type || slot.row < 0) {
+      *container = false;
+      return nullptr;
+    }
+    *container = slot.container;
+    return &kHandlers[slot.row];
   }
+  *container = tarnd_search_fcc(type, w->containers, w->container_cnt) >= 0;
   int32_t lo = 0;
   int32_t hi = w->handler_cnt - 1;
   while (lo <= hi) {
@@ -277,11 +284,6 @@ const tarnd_handler *find_handler(const Walk *w, uint32_t type) {
     }
   }
   return nullptr;
-}
-
-bool is_container(const Walk *w, const tarnd_handler *row, uint32_t type) {
-  if (w->own_tables) return row != nullptr && kContainerRows.row[row - kHandlers];
-  return tarnd_search_fcc(type, w->containers, w->container_cnt) >= 0;
 }
 
 Step walk_box(Walk *w) {
@@ -305,8 +307,9 @@ Step walk_box(Walk *w) {
     if (!seek_to(w->io, w->handle, w->stack->end)) return Step::kStop;
     return Step::kNext;
   }
-  const tarnd_handler *row = find_handler(w, box.type);
-  if (is_container(w, row, box.type) && !push_container(w, box.end)) return Step::kStop;
+  bool container;
+  const tarnd_handler *row = find_handler(w, box.type, &container);
+  if (container && !push_container(w, box.end)) return Step::kStop;
 
   if (w->in_ipco) {
     if (w->pos >= w->ipco_end) {
