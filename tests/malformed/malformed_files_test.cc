@@ -191,6 +191,8 @@ const Case kCases[] = {
      0, kFrame64, 0, "", nullptr},
     {"ftyp_without_compatible_brands", [] { File f; f.ftyp = box("ftyp", {fourcc("heic"), u32(0)}); return f; },
      0, kBrand, 1, "", nullptr},
+    {"ftyp_sequence_major_brand_alone", [] { File f; f.ftyp = box("ftyp", {fourcc("hevc"), u32(0)}); return f; },
+     0, kBrand, 2, "", nullptr},
     // Item information and 16- versus 32-bit ids.
     {"pitm_v1_id_above_16_bits", [] { File f; f.pitm = fullbox("pitm", 1, 0, {u32(0x10001)}); return f; },
      -2, kNone, 0, "parser_pitm : item id is too big(65537)", "tarnd_handlers"},
@@ -226,6 +228,9 @@ const Case kCases[] = {
        f.iloc = fullbox("iloc", 0, 0, {u8(0x44), u8(0), u16(1000), u16(1), u16(0), u16(1), u32(0),
        u32(0)}); return f; },
      -2, kNone, 0, "parser_iloc : item count is abnormal(1000)", "tarnd_handlers"},
+    {"iloc_count_as_large_as_its_data_holds", [] { File f;  // one entry without extents: 6 bytes
+       f.iloc = fullbox("iloc", 0, 0, {u8(0), u8(0), u16(1), u16(1), u16(0), u16(0)}); return f; },
+     0, kNone, 0, "", nullptr},
     {"iloc_more_entries_than_items", [] { File f; f.locs = {{1, 0, 10, 0}, {2, 0, 10, 0}}; return f; },
      -2, kNone, 0, "items are more than item count(1)", "tarnd_handlers"},
     {"iloc_names_missing_item", [] { File f; f.locs = {{7, 0, 10, 0}}; return f; },
