@@ -315,8 +315,8 @@ tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
   // The running slot already holding id (iloc and iinf listing the items in
   // the same order): in both modes, while the taken ids increase they are
   // unique, so it is the slot any search below would find.
-  tarnd_item *running = &meta->items[meta->infe_index];
-  if (running->item_id == id && id != 0 && !ctx->item_slots_unordered) return running;
+  tarnd_item *item = &meta->items[meta->infe_index];
+  if (item->item_id == id && id != 0 && !ctx->item_slots_unordered) return item;
   uint32_t slot;
   if (tolerant(ctx)) {
     // Any order: the slot already holding id, else the next untaken one.
@@ -344,7 +344,6 @@ tarnd_item *claim_item_slot(tarnd_ctx *ctx, uint32_t id, const char *parser) {
       return &meta->items[i];
     }
   }
-  tarnd_item *item = &meta->items[meta->infe_index];
   if (item->item_id == 0) {
     // Strict reading takes slots in entry order, so the taken ones stay the
     // first ones; the lookups above use them while their ids increase.

@@ -94,10 +94,6 @@ bool read_entry(Source &src, const tarnd_box *box, const IlocLayout &l, tarnd_ct
   return true;
 }
 
-}  // namespace
-
-namespace {
-
 template <class Source>
 int32_t parse_iloc(Source &src, const tarnd_box *box, tarnd_ctx *ctx) {
   uint8_t sizes[2];

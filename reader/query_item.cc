@@ -221,7 +221,6 @@ int32_t read_copy(ItemReader *r, uint64_t n, uint8_t **out) {
 
 // ---- grid layout ----
 
-
 int32_t grid_size_invalid(uint64_t size) {
   TARN_LOGW(kTag, "%s : grid data size is invalid(%llu)", "tarnd_get_info_item",
             static_cast<unsigned long long>(size));

@@ -35,12 +35,12 @@ uint64_t magnitude(int64_t v) {
 
 bool is_negative(const tarnd_fraction &f) { return f.n != 0 && ((f.n < 0) != (f.d < 0)); }
 
-// One edge of the crop: centre + offset - extent / 2, which must be a
-// non-negative whole number.
 // Below this magnitude every step of the fraction arithmetic stays far
 // inside 32 bits for offsets in whole or half pixels.
 constexpr int32_t kDirectEdgeBound = 1 << 27;
 
+// One edge of the crop: centre + offset - extent / 2, which must be a
+// non-negative whole number.
 bool crop_edge(int32_t image_extent, int32_t off_n, int32_t off_d, int32_t aperture_extent, int32_t *edge) {
   // Whole and half-pixel offsets (what encoders write) are answered in half
   // pixels without the divisions of the fraction toolkit. Within the bound

@@ -126,19 +126,19 @@ void pop_containers_ended(Walk *w, uint64_t position) {
   while (w->stack != nullptr && w->stack->end <= position) pop_container(w);
 }
 
+// The source's position, held by the walk for the library's memory source.
+bool walk_tell(const Walk *w, uint64_t *position) {
+  if (w->mem == nullptr) return tell_pos(w->io, w->handle, position);
+  *position = w->mem->pos;
+  return true;
+}
+
 // Reads the box header at w->pos into *box. Returns false to stop the walk.
 bool read_header(Walk *w, tarnd_box *box) {
   uint32_t size32;
   if (tarn::MemorySource *m = w->mem) {
-    // Both fields at once, with the same outcome as reading them in turn.
-    if (m->size - m->pos < kBoxHeaderSize) {
-      m->pos = m->size;
-      return false;
-    }
-    const uint8_t *p = m->data + m->pos;
-    size32 = be32_load(p);
-    box->type = fcc_load(p + 4);
-    m->pos += kBoxHeaderSize;
+    InPlaceSource src(m);  // hands the position back as it ends
+    if (!src.u32(&size32) || !src.fcc(&box->type)) return false;
   } else if (!read_u32(w->io, w->handle, &size32) || !read_fcc(w->io, w->handle, &box->type)) {
     return false;
   }
@@ -288,11 +288,7 @@ const tarnd_handler *find_handler(const Walk *w, uint32_t type, bool *container)
 
 Step walk_box(Walk *w) {
   uint64_t start = 0;
-  if (w->mem != nullptr) {
-    start = w->mem->pos;
-  } else if (!tell_pos(w->io, w->handle, &start)) {
-    return Step::kLeave;
-  }
+  if (!walk_tell(w, &start)) return Step::kLeave;
   pop_containers_ended(w, start);
 
   tarnd_box box;
@@ -348,11 +344,7 @@ Step walk_box(Walk *w) {
   if (row->parse == nullptr) return Step::kNext;
   if (row->parse(w->io, w->handle, &box, w->ctx) != 0) return Step::kStop;
   uint64_t after = 0;
-  if (w->mem != nullptr) {
-    after = w->mem->pos;
-  } else if (!tell_pos(w->io, w->handle, &after)) {
-    return Step::kStop;
-  }
+  if (!walk_tell(w, &after)) return Step::kStop;
   if (after < box.end && row->skip_rest) {
     if (!seek_to(w->io, w->handle, box.end)) return Step::kStop;
   }
