@@ -339,7 +339,7 @@ static bool same_bytes(const tarnm_blob_prop &p, const uint8_t *data, uint32_t l
 static int32_t find_blob(const tarnm_blob_prop *props, int32_t count, const uint8_t *data,
                          uint32_t len) {
   if (len && !data) return -1;
-  for (int32_t i = 0; i < count && i < TARNM_MAX_PROPS; ++i)
+  for (int32_t i = 0; i < count; ++i)
     if (same_bytes(props[i], data, len)) return props[i].index;
   return -1;
 }
@@ -373,14 +373,14 @@ extern "C" {
 
 int32_t tarnm_get_irot_property_index(const tarnm_state *state, int32_t angle) {
   if (!state) return -1;
-  for (int32_t i = 0; i < state->irot_count && i < TARNM_MAX_PROPS; ++i)
+  for (int32_t i = 0; i < state->irot_count; ++i)
     if (state->irot_props[i].angle == angle) return state->irot_props[i].index;
   return -1;
 }
 
 int32_t tarnm_get_ispe_property_index(const tarnm_state *state, uint32_t width, uint32_t height) {
   if (!state) return -1;
-  for (int32_t i = 0; i < state->ispe_count && i < TARNM_MAX_PROPS; ++i)
+  for (int32_t i = 0; i < state->ispe_count; ++i)
     if (state->ispe_props[i].width == width && state->ispe_props[i].height == height)
       return state->ispe_props[i].index;
   return -1;
@@ -389,7 +389,7 @@ int32_t tarnm_get_ispe_property_index(const tarnm_state *state, uint32_t width, 
 int32_t tarnm_get_pixi_property_index(const tarnm_state *state, const uint8_t *data,
                                       uint32_t len) {
   if (!state || len > kMaxPixiChannels || (len && !data)) return -1;
-  for (int32_t i = 0; i < state->pixi_count && i < TARNM_MAX_PROPS; ++i) {
+  for (int32_t i = 0; i < state->pixi_count; ++i) {
     const tarnm_pixi_prop &p = state->pixi_props[i];
     if (p.count == len && (len == 0 || memcmp(p.depth, data, len) == 0)) return p.index;
   }

@@ -49,13 +49,13 @@ static uint32_t used_bytes(const tarnm_state *state) {
 static void release_state(tarnm_state *state) {
   for (const ListDef &def : kLists) tarn_mblk_dtor(&(state->*def.list));
   if (!state->delivered_buffer) free(state->heap);
-  for (int32_t i = 0; i < state->item_data_count && i < TARNM_MAX_ITEM_DATA; ++i)
+  for (int32_t i = 0; i < state->item_data_count; ++i)
     free(state->item_data[i].data);
-  for (int32_t i = 0; i < state->metadata_count && i < TARNM_MAX_METADATA; ++i)
+  for (int32_t i = 0; i < state->metadata_count; ++i)
     free(state->metadata[i].data);
-  for (int32_t i = 0; i < state->hvcc_count && i < TARNM_MAX_PROPS; ++i)
+  for (int32_t i = 0; i < state->hvcc_count; ++i)
     free(state->hvcc_props[i].data);
-  for (int32_t i = 0; i < state->colr_count && i < TARNM_MAX_PROPS; ++i)
+  for (int32_t i = 0; i < state->colr_count; ++i)
     free(state->colr_props[i].data);
 }
 

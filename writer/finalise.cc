@@ -56,7 +56,7 @@ uint32_t largest_item_id(tarnm_state *state) {
 
 // A grid whose tiles did not all arrive would point at items without data.
 bool grids_complete(tarnm_state *state) {
-  for (int32_t i = 0; i < state->item_data_count && i < TARNM_MAX_ITEM_DATA; ++i) {
+  for (int32_t i = 0; i < state->item_data_count; ++i) {
     const tarnm_item_data &d = state->item_data[i];
     if (d.kind != TARNM_ITEM_DATA_GRID) continue;
     const tarnm_grid_info *grid = static_cast<const tarnm_grid_info *>(d.data);
@@ -80,20 +80,16 @@ bool next_id(tarnm_state *state) {
 }
 
 bool write_metadata_items(tarnm_state *state) {
-  for (int32_t i = 0; i < state->metadata_count && i < TARNM_MAX_METADATA; ++i) {
+  for (int32_t i = 0; i < state->metadata_count; ++i) {
     tarnm_metadata_entry &e = state->metadata[i];
     if (e.type != TARNM_METADATA_EXIF && e.type != TARNM_METADATA_XMP) {
       TARN_LOGW(kTag, "unsupported item type : %d", static_cast<int32_t>(e.type));
       return false;
     }
-    if (state->last_item_id >= kMaxItemId) {
-      TARN_LOGW(kTag, "no item id left above %u", state->last_item_id);
-      return false;
-    }
-    const uint32_t id = state->last_item_id + 1;
+    if (!next_id(state)) return false;
+    const uint32_t id = state->last_item_id;
     const uint32_t type = e.type == TARNM_METADATA_EXIF ? kFccExif : kFccMime;
     if (tarnm_add_element_infe(state, id, type, 0) != 0) return false;
-    state->last_item_id = id;
     if (tarnm_add_element_itemtyperef(state, id, kFccCdsc, 1, &e.item_id) != 0) return false;
     if (e.size == 0 || e.data == nullptr) {
       TARN_LOGE(kTag, "metadata size is zero");
@@ -111,7 +107,7 @@ bool write_metadata_items(tarnm_state *state) {
 }
 
 bool write_groups(tarnm_state *state) {
-  for (int32_t i = 0; i < state->group_count && i < TARNM_MAX_GROUPS; ++i) {
+  for (int32_t i = 0; i < state->group_count; ++i) {
     const tarnm_entity_group &g = state->groups[i];
     if (g.type != TARNM_GROUP_ALTR && g.type != TARNM_GROUP_STER) continue;
     if (!next_id(state)) return false;

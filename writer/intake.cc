@@ -278,7 +278,7 @@ int32_t tarnm_get_metadata_offset(tarnm_ctx *handle, int32_t img_id, uint32_t ty
                                   uint32_t *offset) {
   if (handle == nullptr || offset == nullptr) return -1;
   const tarnm_state *state = &handle->state;
-  for (int32_t i = 0; i < state->metadata_count && i < TARNM_MAX_METADATA; ++i) {
+  for (int32_t i = 0; i < state->metadata_count; ++i) {
     const tarnm_metadata_entry &e = state->metadata[i];
     if (e.type == type && e.item_id == static_cast<uint32_t>(img_id)) {
       *offset = e.offset;

@@ -215,7 +215,7 @@ int32_t atom_dump_iloc(void *, const void *, tarnm_state *state) {
 
 uint64_t atom_size_idat(const void *, tarnm_state *state) {
   uint64_t total = 0;
-  for (int32_t i = 0; i < state->item_data_count && i < TARNM_MAX_ITEM_DATA; ++i) {
+  for (int32_t i = 0; i < state->item_data_count; ++i) {
     const tarnm_item_data &d = state->item_data[i];
     if (d.kind == TARNM_ITEM_DATA_GRID)
       total += kGridRecordSize;
@@ -256,7 +256,7 @@ int32_t atom_dump_tmap_data(const uint8_t *data, uint32_t length, tarnm_state *s
 }
 
 int32_t atom_dump_idat(void *, const void *, tarnm_state *state) {
-  for (int32_t i = 0; i < state->item_data_count && i < TARNM_MAX_ITEM_DATA; ++i) {
+  for (int32_t i = 0; i < state->item_data_count; ++i) {
     const tarnm_item_data &d = state->item_data[i];
     if (d.kind == TARNM_ITEM_DATA_GRID) {
       // The stored copy is a whole tarnm_grid_info; anything shorter is not
