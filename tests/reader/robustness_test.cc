@@ -89,18 +89,6 @@ tarnd_io_dsc failing_once(const std::vector<uint8_t> &file) {
   io.get_size = [](void *h, uint64_t *n) -> int32_t { return fails() ? -1 : g_memory.get_size(h, n); };
   return io;
 }
-std::string model_of(const tarnd_ctx *ctx) {
-  std::string m = std::to_string(ctx->meta.property_cnt) + "/" + std::to_string(ctx->meta.association_cnt) + "/" +
-                  std::to_string(ctx->meta.group_cnt) + "/" + std::to_string(ctx->primary_item_id) + ":";
-  for (uint32_t i = 0; i < ctx->meta.item_cnt; ++i) {
-    const tarnd_item &it = ctx->meta.items[i];
-    m += std::to_string(it.item_id) + "," + std::to_string(it.item_type) + "," + std::to_string(it.offset) + "," +
-         std::to_string(it.length) + "," + std::to_string(it.flags) + "," + std::to_string(it.referece_from_cnt) + ";";
-  }
-  for (uint32_t i = 0; i < ctx->meta.property_cnt; ++i) m += std::to_string(ctx->meta.properties[i].type) + ",";
-  return m;
-}
-
 // A read, tell, seek or skip that fails in the middle of the walk fails the
 // open; it never leaves a model other than the file's.
 TEST(Robustness, ACallThatFailsFailsTheOpen) {
@@ -113,14 +101,14 @@ TEST(Robustness, ACallThatFailsFailsTheOpen) {
       int32_t err = 1;
       const CtxPtr whole = open_io(failing_once(file), &err, mode);
       ASSERT_NE(whole, nullptr) << name;
-      const std::string want = model_of(whole.get());
+      const std::string want = tarn_fuzz::model_of(whole.get());
       for (long calls = g_calls, k = 0; k < calls; ++k) {
         SCOPED_TRACE(std::string(name) + " failing call " + std::to_string(k) + " of " + std::to_string(calls));
         std::string got[2];
         for (const bool sticky : {false, true}) {
           g_calls = 0, g_fail_at = k, g_sticky = sticky;
           const CtxPtr ctx = open_io(failing_once(file), &err, mode);
-          got[sticky] = ctx ? model_of(ctx.get()) : std::to_string(err);
+          got[sticky] = ctx ? tarn_fuzz::model_of(ctx.get()) : std::to_string(err);
         }
         g_sticky = false;
         EXPECT_EQ(got[0], got[1]);
