@@ -11,11 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "support/box_builder.h"
-#include "support/files.h"
+#include "reader/helpers.h"
 #include "support/log_capture.h"
-#include "tarn/io.h"
-#include "tarn/reader.h"
 
 namespace tarn_test {
 namespace {
@@ -422,26 +419,17 @@ int32_t ask(void *h, Query q) {
   return 0;
 }
 
-void *open_bytes(const Bytes &bytes, uint32_t mode, int32_t *err) {
-  tarnd_io_dsc io;
-  tarnd_io_init_memory(&io, bytes.data(), bytes.size());
-  tarnd_file_info info;
-  *err = 1;
-  return tarnd_create_with_flags(&io, mode, &info, err);
-}
-
 // Opens bytes in one mode and checks the open's status, the query's answer
 // and the exact line logged at WARN or above.
 void expect_open(const Bytes &bytes, uint32_t mode, Query query, const ModeCase::Mode &m) {
   LogCapture cap;
-  int32_t err;
-  void *h = open_bytes(bytes, mode, &err);
+  int32_t err = 1;
+  CtxPtr h = open_memory(bytes, &err, mode);
   EXPECT_EQ(err, m.create);
   EXPECT_EQ(h != nullptr, err == 0);
   if (h != nullptr) {
-    EXPECT_EQ(ask(h, query), m.answer);
+    EXPECT_EQ(ask(h.get(), query), m.answer);
   }
-  tarnd_delete(h);
   if (m.tag != nullptr) {
     EXPECT_TRUE(cap.has(m.log, m.tag)) << cap.dump();
     // Each case breaks one thing: once it is reported, the walk warns of
@@ -464,13 +452,11 @@ TEST(MalformedFiles, StatusAndLogLine) {
     expect_open(bytes, TARND_READ_STRICT, c.query, {c.create, c.query_status, c.log, c.tag});
     // Tolerant reading is as safe on the same damage: the query's buffer
     // checks run again, and whatever strict reading opens, it opens too.
-    int32_t err;
-    void *t = open_bytes(bytes, TARND_READ_TOLERANT, &err);
+    CtxPtr t = open_memory(bytes, nullptr, TARND_READ_TOLERANT);
     if (c.create == 0) {
       EXPECT_NE(t, nullptr);
     }
-    if (t != nullptr) ask(t, c.query);
-    tarnd_delete(t);
+    if (t != nullptr) ask(t.get(), c.query);
   }
   // A missing source or file record is refused before anything is read.
   tarnd_io_dsc io;

@@ -92,39 +92,6 @@ TEST(Query, RolesInformationAndReferences) {
   EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, nullptr, 0, nullptr), -1);
 }
 
-// A walk over a table of the caller's (which the walker searches instead of
-// its own index): a copy reads like the built-in one; without the ispe row
-// those boxes keep their property slots but are not read.
-TEST(Walk, CallersHandlerTable) {
-  const Bytes file = role_file();
-  std::vector<tarnd_handler> rows(tarnd_handlers(), tarnd_handlers() + tarnd_handlers_cnt());
-  for (const bool with_ispe : {true, false}) {
-    if (!with_ispe) {
-      rows.erase(std::find_if(rows.begin(), rows.end(), [](const tarnd_handler &r) { return r.fcc == fcc("ispe"); }));
-    }
-    tarnd_io_dsc io;
-    tarnd_io_init_memory(&io, file.data(), file.size());
-    auto *ctx = static_cast<tarnd_ctx *>(calloc(1, sizeof(tarnd_ctx)));
-    ctx->magic = TARND_MAGIC, ctx->self = ctx, ctx->io = io, ctx->handle = io.open(&io, 0);
-    EXPECT_EQ(tarnd_parse(rows.data(), int32_t(rows.size()), tarnd_handlers_containr_fcc(),
-                          tarnd_handlers_containr_fcc_cnt(), &io, ctx->handle, ctx), 1);
-    ASSERT_EQ(ctx->meta.property_cnt, 6);
-    EXPECT_EQ(std::vector<uint32_t>({ctx->meta.item_cnt, ctx->meta.properties[1].payload.ispe.width, ctx->meta.group_cnt}),
-              std::vector<uint32_t>({7, with_ispe ? 64u : 0u, 1}));
-    tarnd_delete(ctx);
-  }
-  // The container stack lets go of every node.
-  tarnd_cstack stack;
-  tarnd_cstack_init(&stack);
-  const tarnd_cstack_node node{};
-  ASSERT_EQ(tarnd_cstack_push(&stack, &node) + tarnd_cstack_push(&stack, &node), 0);
-  tarnd_cstack_deinit(&stack);
-  EXPECT_EQ(stack, nullptr);
-  // The container list is searched within its count only.
-  EXPECT_EQ(std::vector<int32_t>({tarnd_search_fcc(fcc("dinf"), "metadinf", 1), tarnd_search_fcc(fcc("dinf"), "metadinf", 2)}),
-            std::vector<int32_t>({-1, 1}));
-}
-
 TEST(Query, ItemInformation) {
   const Bytes grid16 = cat({u16(0), u8(1), u8(2), u16(3840), u16(3024)});
   const Bytes exif = cat({u32(6), raw("Exif"), u16(0), raw("MM")});
