@@ -14,16 +14,18 @@ using namespace bb;
 
 // Item 1 primary (64x48), 2 its thumbnail, 3 its alpha plane, 4 a tmap over
 // 1 with gain map 5, 6 Exif of 1, 7 a 2x3 grid; a ster group pairs 2 and 3.
+// A property of unknown type still takes its slot in ipco.
 Bytes role_file() {
   File f;
   f.infes = {infe(1, "hvc1"), infe(2, "hvc1"), infe(3, "hvc1"), infe(4, "tmap"), infe(5, "hvc1"),
              infe(6, "Exif"), infe(7, "grid")};
   f.locs.clear();
   for (uint16_t id = 1; id <= 7; ++id) f.locs.push_back({id, 0, 0, 0});
-  f.ipco = cat({hvcc(), ispe(64, 48), fullbox("auxC", 0, 0, {str("urn:mpeg:hevc:2015:auxid:1")}),
+  f.ipco = cat({hvcc(), box("zzzz"), ispe(64, 48),
+                fullbox("auxC", 0, 0, {str("urn:mpeg:hevc:2015:auxid:1")}),
                 clap({128, 1, 48, 1, 0, 1, 0, 1}), clap({32, 1, 24, 1, 0, 1, 0, 1}),
                 box("colr", {fourcc("prof"), raw("ICCDATA")})});
-  f.ipma_box = ipma({{1, 0x81, 2, 6}, {2, 0x81, 2, 4}, {3, 0x81, 2, 3, 5}, {5, 0x81, 2}, {7, 2}});
+  f.ipma_box = ipma({{1, 0x81, 3, 7}, {2, 0x81, 3, 5}, {3, 0x81, 3, 4, 6}, {5, 0x81, 3}, {7, 3}});
   f.more = cat({iref(cat({ref("thmb", 2, {1}), ref("auxl", 3, {1}), ref("dimg", 4, {1, 5}),
                           ref("cdsc", 6, {1}), ref("dimg", 7, {1, 2, 3, 5, 1, 2})})),
                 box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(2), u32(2), u32(3)})})});
@@ -34,6 +36,7 @@ TEST(Query, RolesInformationAndReferences) {
   const Bytes file = role_file();  // read by the queries: must outlive ctx
   CtxPtr ctx = open_memory(file, nullptr);
   ASSERT_NE(ctx, nullptr);
+  EXPECT_EQ(ctx->meta.property_cnt, 7);  // the unknown box among them
   // clang-format off
   struct Role { uint32_t code, ref_id; int32_t status; uint32_t id; };
   const Role kRoles[] = {

@@ -117,6 +117,7 @@ TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {
     EXPECT_EQ(io.read(h, buf, 16), 4u);  // short read at the end
     EXPECT_EQ(buf[0], 7);
     EXPECT_EQ(call(io.tell, 0), 10u);
+    EXPECT_EQ(call(io.skip, 0), 0u);  // a skip may end at the end
     io.close(h);
   }
   EXPECT_EQ(tarnd_io_init_memory(nullptr, data.data(), 1), -1);
