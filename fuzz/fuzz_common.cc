@@ -1,7 +1,6 @@
 #include "fuzz_common.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "fuzz/fuzz_common.h"
 #include "reader/helpers.h"

@@ -4,8 +4,6 @@
 // place, so nothing of that size is ever allocated.
 #include <gtest/gtest.h>
 
-#include <string.h>
-
 #include <vector>
 
 #include "reader/helpers.h"
