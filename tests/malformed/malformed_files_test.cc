@@ -389,8 +389,9 @@ int32_t ask(void *h, Query q) {
     case kThumb:
     case kPrimary:
     case kGainMap: {  // the status of a thumbnail, the id of the others
-      const uint32_t code = q == kThumb    ? TARND_ID_THUMBNAIL
-                            : q == kPrimary ? TARND_ID_PRIMARY : TARND_ID_GAINMAP;
+      const uint32_t code = q == kThumb     ? TARND_ID_THUMBNAIL
+                            : q == kPrimary ? TARND_ID_PRIMARY
+                                            : TARND_ID_GAINMAP;
       s = tarnd_get_image_id(h, code, TARND_ID_REF_PRIMARY, &id);
       return s == 0 && q != kThumb ? int32_t(id) : s;
     }

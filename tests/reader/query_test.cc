@@ -17,12 +17,11 @@ using namespace bb;
 // A property of unknown type still takes its slot in ipco.
 Bytes role_file() {
   File f;
-  f.infes = {infe(1, "hvc1"), infe(2, "hvc1"), infe(3, "hvc1"), infe(4, "tmap"), infe(5, "hvc1"),
-             infe(6, "Exif"), infe(7, "grid")};
+  f.infes = {infe(1, "hvc1"), infe(2, "hvc1"), infe(3, "hvc1"), infe(4, "tmap"),
+             infe(5, "hvc1"), infe(6, "Exif"), infe(7, "grid")};
   f.locs.clear();
   for (uint16_t id = 1; id <= 7; ++id) f.locs.push_back({id, 0, 0, 0});
-  f.ipco = cat({hvcc(), box("zzzz"), ispe(64, 48),
-                fullbox("auxC", 0, 0, {str("urn:mpeg:hevc:2015:auxid:1")}),
+  f.ipco = cat({hvcc(), box("zzzz"), ispe(64, 48), fullbox("auxC", 0, 0, {str("urn:mpeg:hevc:2015:auxid:1")}),
                 clap({128, 1, 48, 1, 0, 1, 0, 1}), clap({32, 1, 24, 1, 0, 1, 0, 1}),
                 box("colr", {fourcc("prof"), raw("ICCDATA")})});
   f.ipma_box = ipma({{1, 0x81, 3, 7}, {2, 0x81, 3, 5}, {3, 0x81, 3, 4, 6}, {5, 0x81, 3}, {7, 3}});

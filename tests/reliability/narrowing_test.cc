@@ -72,10 +72,10 @@ TEST(Narrowing, ReaderOffsetsAndLengthsAbove4GiB) {
   const Case kCases[] = {
       {"64-bit extent offset", "jpeg", 0, v0(0x84, {u64(kFar), u32(10)}), jpeg, jpeg},
       {"64-bit base offset", "jpeg", 1,
-       cat({u8(0x44), u8(0x80), u16(1), u16(1), u16(0), u16(0), u64(k4G), u16(1), u32(0x100), u32(10)}),
-       jpeg, jpeg},
-      {"length 4 GiB + 10 served by its low 32 bits", "jpeg", 0, v0(0x88, {u64(kFar), u64(k4G + 10)}),
-       jpeg, jpeg},
+       cat({u8(0x44), u8(0x80), u16(1), u16(1), u16(0), u16(0), u64(k4G), u16(1), u32(0x100), u32(10)}), jpeg,
+       jpeg},
+      {"length 4 GiB + 10 served by its low 32 bits", "jpeg", 0, v0(0x88, {u64(kFar), u64(k4G + 10)}), jpeg,
+       jpeg},
       {"length above INT32_MAX", "jpeg", 0, v0(0x48, {u32(0x100), u64(0x80000010)}), jpeg, {}},
       {"grid above 4 GiB", "grid", 0, v0(0x84, {u64(kFar), u32(8)}), grid, {2, 3, 15, 0x0B}},
   };

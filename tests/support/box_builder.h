@@ -117,7 +117,7 @@ struct File {
   Bytes iinf;  // built from infes unless set
   std::vector<Loc> locs = {{1, 0, 10, 0}};
   uint8_t iloc_version = 0;
-  Bytes iloc;  // built from locs unless set
+  Bytes iloc;                                        // built from locs unless set
   std::vector<std::pair<uint32_t, uint32_t>> split;  // item 1's extents (offset, length) when set
   Bytes ipco = cat({hvcc(), ispe(64, 64)});
   Bytes ipma_box = ipma({{1, 0x81, 0x82}});
@@ -132,8 +132,8 @@ struct File {
       const bool wide = iloc_version == 2;
       loc = cat({u8(0x44), u8(0), wide ? u32(uint32_t(locs.size())) : u16(uint16_t(locs.size()))});
       for (const Loc &l : locs) {
-        const auto &ext = l.id == 1 && !split.empty() ? split : std::vector<std::pair<uint32_t, uint32_t>>{
-                                                                    {l.off, l.len}};
+        const auto &ext =
+            l.id == 1 && !split.empty() ? split : std::vector<std::pair<uint32_t, uint32_t>>{{l.off, l.len}};
         append(&loc, cat({wide ? u32(l.id) : u16(l.id), iloc_version ? u16(l.method) : Bytes{}, u16(0),
                           u16(uint16_t(ext.size()))}));
         for (const auto &e : ext) {
@@ -142,8 +142,7 @@ struct File {
       }
       loc = fullbox("iloc", iloc_version, 0, {loc});
     }
-    const Bytes info = iinf.empty() ? fullbox("iinf", 0, 0, {u16(uint16_t(infes.size())), cat(infes)})
-                                    : iinf;
+    const Bytes info = iinf.empty() ? fullbox("iinf", 0, 0, {u16(uint16_t(infes.size())), cat(infes)}) : iinf;
     const Bytes props = iprp.empty() ? box("iprp", {box("ipco", {ipco}), ipma_box}) : iprp;
     return fullbox("meta", 0, 0, {hdlr, pitm, info, loc, props, more});
   }
