@@ -1,8 +1,9 @@
-// Real files cut short, and the input sources at their ends (allocation
-// failure: tests/reliability/failure_test.cc).
+// Real files read through a source that fails at each call in turn, and the
+// input sources at their ends (allocation failure:
+// tests/reliability/failure_test.cc; files cut short: the malformed table,
+// the corpus's truncated file and the fuzz replay).
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 
 #include "fuzz/fuzz_common.h"
@@ -11,43 +12,10 @@
 namespace tarn_test {
 namespace {
 
-using bb::Bytes;
-
 // A grid with idat, the 48-tile phone photo with Exif, alpha, XMP, Exif and XMP.
 const char *const kFiles[] = {"nokia/grid_960x640.heic", "phones/iphone8plus_grid_thumb_exif.heic",
                               "synthetic/LA_8__29x100.heif", "synthetic/L_xmp.heif",
                               "phones/sony_mono_exif_xmp.heic"};
-
-TEST(Robustness, TruncatedRealFilesOpenOrFailCleanly) {
-  TARN_REQUIRE_CORPUS();
-  for (const char *name : kFiles) {
-    Bytes whole;
-    ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &whole)) << name;
-    CtxPtr full = open_memory(whole, nullptr);
-    ASSERT_NE(full, nullptr) << name;
-    // Every cut up to the mdat payload (where all parsing happens), then 60
-    // cuts through the coded data.
-    const size_t dense_end = size_t(full->mdat_offset) + 64, stride = std::max<size_t>(1, whole.size() / 60);
-    for (size_t n = 0; n < whole.size(); n += n < dense_end ? 1 : stride) {
-      SCOPED_TRACE(std::string(name) + " cut at " + std::to_string(n));
-      // An exact copy, so that a read past the cut is one past the block
-      // (AddressSanitizer), and the in-place reads of exercise_reader are
-      // held to the same model as reads through callbacks.
-      const Bytes copy(whole.begin(), whole.begin() + long(n));
-      const uint8_t *prefix = n == 0 ? whole.data() : copy.data();
-      for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
-        int32_t err = 1;
-        tarnd_io_dsc io;
-        tarnd_io_init_memory(&io, prefix, n);
-        CtxPtr ctx = open_io(io, &err, mode);
-        ASSERT_TRUE(err == 0 || err == -2) << err;
-        ASSERT_EQ(ctx != nullptr, err == 0);
-        ASSERT_TRUE(ctx != nullptr || n < dense_end);  // a whole meta keeps the model
-      }
-      tarn_fuzz::exercise_reader(prefix, n);  // every query of every item
-    }
-  }
-}
 
 // A source of which one call, counting every callback, fails: once, or from
 // then on.
