@@ -5,6 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+
+#include "tarn/reader.h"
 
 namespace tarn_fuzz {
 
@@ -12,6 +15,10 @@ namespace tarn_fuzz {
 // frames into buffers of several sizes. Aborts only when the model built by
 // reading fields in place differs from the one built through callbacks.
 void exercise_reader(const uint8_t *data, size_t size);
+
+// The model an open built, as text: counts, primary, the items' locations,
+// flags and references, the property types.
+std::string model_of(const tarnd_ctx *ctx);
 
 }  // namespace tarn_fuzz
 

@@ -1,13 +1,10 @@
-// Real files cut short, and the input sources at their ends (allocation
-// failure: tests/reliability/failure_test.cc).
+// Real files read through a source that fails at each call in turn, and the
+// input sources at their ends (allocation failure:
+// tests/reliability/failure_test.cc; files cut short: the malformed table,
+// the corpus's truncated file and the fuzz replay).
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "fuzz/fuzz_common.h"
 #include "reader/helpers.h"
@@ -19,59 +16,6 @@ namespace {
 const char *const kFiles[] = {"nokia/grid_960x640.heic", "phones/iphone8plus_grid_thumb_exif.heic",
                               "synthetic/LA_8__29x100.heif", "synthetic/L_xmp.heif",
                               "phones/sony_mono_exif_xmp.heic"};
-
-// Room for size bytes that end where an unreadable page begins, so that a
-// read past the end faults in every build, not only under AddressSanitizer.
-class GuardedBuffer {
- public:
-  explicit GuardedBuffer(size_t size) : page_(size_t(sysconf(_SC_PAGESIZE))) {
-    span_ = (size + page_ - 1) / page_ * page_;
-    void *m = mmap(nullptr, span_ + page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    base_ = m == MAP_FAILED ? nullptr : static_cast<uint8_t *>(m);
-    if (base_ != nullptr && mprotect(base_ + span_, page_, PROT_NONE) != 0) base_ = nullptr;
-  }
-  ~GuardedBuffer() {
-    if (base_ != nullptr) munmap(base_, span_ + page_);
-  }
-  // Copies n bytes so that they end at the guard page; returns where they start.
-  const uint8_t *place(const uint8_t *data, size_t n) {
-    return n == 0 ? base_ + span_ : static_cast<uint8_t *>(memcpy(base_ + span_ - n, data, n));
-  }
-  bool ok() const { return base_ != nullptr; }
-
- private:
-  size_t page_, span_ = 0;
-  uint8_t *base_ = nullptr;
-};
-
-TEST(Robustness, TruncatedRealFilesOpenOrFailCleanly) {
-  TARN_REQUIRE_CORPUS();
-  for (const char *name : kFiles) {
-    std::vector<uint8_t> whole;
-    ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &whole)) << name;
-    CtxPtr full = open_memory(whole, nullptr);
-    ASSERT_NE(full, nullptr) << name;
-    GuardedBuffer buffer(whole.size());
-    ASSERT_TRUE(buffer.ok());
-    // Every cut up to the mdat payload (where all parsing happens), then 60
-    // cuts through the coded data.
-    const size_t dense_end = size_t(full->mdat_offset) + 64, stride = std::max<size_t>(1, whole.size() / 60);
-    for (size_t n = 0; n < whole.size(); n += n < dense_end ? 1 : stride) {
-      SCOPED_TRACE(std::string(name) + " cut at " + std::to_string(n));
-      const uint8_t *prefix = buffer.place(whole.data(), n);
-      for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
-        int32_t err = 1;
-        tarnd_io_dsc io;
-        tarnd_io_init_memory(&io, prefix, n);
-        CtxPtr ctx = open_io(io, &err, mode);
-        ASSERT_TRUE(err == 0 || err == -2) << err;
-        ASSERT_EQ(ctx != nullptr, err == 0);
-        ASSERT_TRUE(ctx != nullptr || n < dense_end);  // a whole meta keeps the model
-      }
-      tarn_fuzz::exercise_reader(prefix, n);  // every query of every item
-    }
-  }
-}
 
 // A source of which one call, counting every callback, fails: once, or from
 // then on.
@@ -89,18 +33,6 @@ tarnd_io_dsc failing_once(const std::vector<uint8_t> &file) {
   io.get_size = [](void *h, uint64_t *n) -> int32_t { return fails() ? -1 : g_memory.get_size(h, n); };
   return io;
 }
-std::string model_of(const tarnd_ctx *ctx) {
-  std::string m = std::to_string(ctx->meta.property_cnt) + "/" + std::to_string(ctx->meta.association_cnt) + "/" +
-                  std::to_string(ctx->meta.group_cnt) + "/" + std::to_string(ctx->primary_item_id) + ":";
-  for (uint32_t i = 0; i < ctx->meta.item_cnt; ++i) {
-    const tarnd_item &it = ctx->meta.items[i];
-    m += std::to_string(it.item_id) + "," + std::to_string(it.item_type) + "," + std::to_string(it.offset) + "," +
-         std::to_string(it.length) + "," + std::to_string(it.flags) + "," + std::to_string(it.referece_from_cnt) + ";";
-  }
-  for (uint32_t i = 0; i < ctx->meta.property_cnt; ++i) m += std::to_string(ctx->meta.properties[i].type) + ",";
-  return m;
-}
-
 // A read, tell, seek or skip that fails in the middle of the walk fails the
 // open; it never leaves a model other than the file's.
 TEST(Robustness, ACallThatFailsFailsTheOpen) {
@@ -113,14 +45,14 @@ TEST(Robustness, ACallThatFailsFailsTheOpen) {
       int32_t err = 1;
       const CtxPtr whole = open_io(failing_once(file), &err, mode);
       ASSERT_NE(whole, nullptr) << name;
-      const std::string want = model_of(whole.get());
+      const std::string want = tarn_fuzz::model_of(whole.get());
       for (long calls = g_calls, k = 0; k < calls; ++k) {
         SCOPED_TRACE(std::string(name) + " failing call " + std::to_string(k) + " of " + std::to_string(calls));
         std::string got[2];
         for (const bool sticky : {false, true}) {
           g_calls = 0, g_fail_at = k, g_sticky = sticky;
           const CtxPtr ctx = open_io(failing_once(file), &err, mode);
-          got[sticky] = ctx ? model_of(ctx.get()) : std::to_string(err);
+          got[sticky] = ctx ? tarn_fuzz::model_of(ctx.get()) : std::to_string(err);
         }
         g_sticky = false;
         EXPECT_EQ(got[0], got[1]);
@@ -152,6 +84,7 @@ TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {
     EXPECT_EQ(io.read(h, buf, 16), 4u);  // short read at the end
     EXPECT_EQ(buf[0], 7);
     EXPECT_EQ(call(io.tell, 0), 10u);
+    EXPECT_EQ(call(io.skip, 0), 0u);  // a skip may end at the end
     io.close(h);
   }
   EXPECT_EQ(tarnd_io_init_memory(nullptr, data.data(), 1), -1);

@@ -4,12 +4,9 @@
 // place, so nothing of that size is ever allocated.
 #include <gtest/gtest.h>
 
-#include <string.h>
-
 #include <vector>
 
-#include "support/box_builder.h"
-#include "tarn/reader.h"
+#include "reader/helpers.h"
 
 namespace tarn_test {
 namespace {
@@ -66,49 +63,46 @@ struct Case {
   uint8_t iloc_version;
   Bytes iloc;
   Bytes far;
-  int32_t status;  // of the item's query
-  Bytes expect;    // what the query hands out
+  Bytes expect;  // what the item's query hands out; it succeeds in every case
 };
 
 TEST(Narrowing, ReaderOffsetsAndLengthsAbove4GiB) {
   const Bytes jpeg = {0xFF, 0xD8, 0xFF, 0xE0, 1, 2, 3, 4, 0xFF, 0xD9};
   const Bytes grid = {0, 0, 1, 2, 0x0F, 0x00, 0x0B, 0xD0};
   const Case kCases[] = {
-      {"64-bit extent offset", "jpeg", 0, v0(0x84, {u64(kFar), u32(10)}), jpeg, 0, jpeg},
+      {"64-bit extent offset", "jpeg", 0, v0(0x84, {u64(kFar), u32(10)}), jpeg, jpeg},
       {"64-bit base offset", "jpeg", 1,
-       cat({u8(0x44), u8(0x80), u16(1), u16(1), u16(0), u16(0), u64(k4G), u16(1), u32(0x100), u32(10)}),
-       jpeg, 0, jpeg},
-      {"length 4 GiB + 10 served by its low 32 bits", "jpeg", 0, v0(0x88, {u64(kFar), u64(k4G + 10)}),
-       jpeg, 0, jpeg},
-      {"length above INT32_MAX", "jpeg", 0, v0(0x48, {u32(0x100), u64(0x80000010)}), jpeg, 0, {}},
-      {"grid above 4 GiB", "grid", 0, v0(0x84, {u64(kFar), u32(8)}), grid, 0, {2, 3, 15, 0x0B}},
+       cat({u8(0x44), u8(0x80), u16(1), u16(1), u16(0), u16(0), u64(k4G), u16(1), u32(0x100), u32(10)}), jpeg,
+       jpeg},
+      {"length 4 GiB + 10 served by its low 32 bits", "jpeg", 0, v0(0x88, {u64(kFar), u64(k4G + 10)}), jpeg,
+       jpeg},
+      {"length above INT32_MAX", "jpeg", 0, v0(0x48, {u32(0x100), u64(0x80000010)}), jpeg, {}},
+      {"grid above 4 GiB", "grid", 0, v0(0x84, {u64(kFar), u32(8)}), grid, {2, 3, 15, 0x0B}},
   };
   for (const Case &c : kCases) {
     SCOPED_TRACE(c.name);
     Sparse src{head_with(c.type, c.iloc, c.iloc_version), c.far, 0};
     tarnd_io_dsc io = kSparseIo;
     io.caller_data[0] = &src;
-    tarnd_file_info info;
     int32_t err = 1;
-    tarnd_ctx *ctx = static_cast<tarnd_ctx *>(tarnd_create(&io, 0, &info, &err));
+    CtxPtr ctx = open_io(io, &err);
     ASSERT_EQ(err, 0);
     EXPECT_EQ(ctx->mdat_size, kSourceSize - ctx->mdat_offset);
     Bytes got;
     int32_t st;
     if (c.type[0] == 'g') {
       tarnd_grid_info g{};
-      st = tarnd_get_info_item(ctx, 1, TARND_INFO_GRID, &g);
+      st = tarnd_get_info_item(ctx.get(), 1, TARND_INFO_GRID, &g);
       got = {uint8_t(g.rows), uint8_t(g.columns), uint8_t(g.output_width >> 8),
        uint8_t(g.output_height >> 8)};
     } else {
       Bytes buf(64, 0xEE);
       int32_t size = -7;
-      st = tarnd_get_image_frm(ctx, 1, buf.data(), int32_t(buf.size()), &size);
+      st = tarnd_get_image_frm(ctx.get(), 1, buf.data(), int32_t(buf.size()), &size);
       if (size >= 0) got.assign(buf.begin(), buf.begin() + size);
     }
-    EXPECT_EQ(st, c.status);
+    EXPECT_EQ(st, 0);
     EXPECT_TRUE(got == c.expect);
-    tarnd_delete(ctx);
   }
 }
 

@@ -19,13 +19,6 @@ bool LogCapture::has(const std::string &text, const char *tag) const {
   return false;
 }
 
-bool LogCapture::contains(const std::string &fragment) const {
-  for (const auto &line : lines_) {
-    if (line.text.find(fragment) != std::string::npos) return true;
-  }
-  return false;
-}
-
 std::string LogCapture::dump() const {
   std::string out;
   for (const auto &line : lines_) {

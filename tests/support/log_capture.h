@@ -22,11 +22,8 @@ class LogCapture {
   LogCapture &operator=(const LogCapture &) = delete;
 
   const std::vector<LogLine> &lines() const { return lines_; }
-  void clear() { lines_.clear(); }
   // True when some line has exactly this text (and tag, when one is given).
   bool has(const std::string &text, const char *tag = nullptr) const;
-  // True when some line contains the fragment.
-  bool contains(const std::string &fragment) const;
   // All lines, one per row, for failure messages.
   std::string dump() const;
 
