@@ -140,9 +140,7 @@ TEST(SpsDecoder, BuiltParameterSets) {
                                          p.sub_layer_frame_only_constraint_flag[i]}),
                   std::vector<uint32_t>({2 + i, 1, 0, 1, 0}));
       }
-      if (lev) {
-        EXPECT_EQ(p.sub_layer_level_idc[i], 30 + i);
-      }
+      EXPECT_EQ(p.sub_layer_level_idc[i], lev ? 30 + i : 0u);
     }
     if (f.width < 0xFFFFFFFFull) {
       EXPECT_EQ(std::vector<uint64_t>({p.pic_height_in_luma_samples, p.conf_win_right_offset,
@@ -157,8 +155,7 @@ TEST(SpsDecoder, BuiltParameterSets) {
 }
 
 TEST(HvccBuilder, Refusals) {
-  HevcStream s;
-  ASSERT_TRUE(tarn_test::load_stream("single512.hevc", &s));
+  const HevcStream &s = tarn_test::streams().single;
   const Bytes vps(24, 0x40), pps(8, 0x44), huge(65536, 0x44);
   using P = tarnm_param_sets;
   static const Bytes *g_huge;

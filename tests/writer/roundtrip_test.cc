@@ -17,23 +17,7 @@ using tarn_test::Bytes;
 using tarn_test::HevcStream;
 using tarn_test::Mux;
 
-struct Streams {
-  HevcStream single, tiles[4], thumb, alpha, odd;
-  bool ok;
-  Streams() {
-    ok = tarn_test::load_stream("single512.hevc", &single) &&
-         tarn_test::load_stream("thumb128.hevc", &thumb) &&
-         tarn_test::load_stream("alpha512.hevc", &alpha) &&
-         tarn_test::load_stream("odd302x198.hevc", &odd);
-    for (int i = 0; i < 4; ++i) {
-      ok = ok && tarn_test::load_stream("tile" + std::to_string(i) + ".hevc", &tiles[i]);
-    }
-  }
-};
-const Streams &S() {
-  static const Streams s;
-  return s;
-}
+const tarn_test::Streams &S() { return tarn_test::streams(); }
 
 #define STEP(call)                         \
   do {                                     \
@@ -228,7 +212,7 @@ const Scenario kScenarios[] = {
 };
 
 TEST(RoundTrip, EveryScenarioReadsBackAndIsDeterministic) {
-  ASSERT_TRUE(S().ok) << "tests/data/hevc streams are missing";
+  ASSERT_TRUE(S().ok);
   for (const Scenario &sc : kScenarios) {
     SCOPED_TRACE(sc.name);
     Mux first, second;

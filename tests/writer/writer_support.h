@@ -23,6 +23,13 @@ struct HevcStream {
 };
 // tests/data/hevc/<name>; false when missing or without VPS, SPS, PPS, slice.
 bool load_stream(const std::string &name, HevcStream *out);
+// The streams the writer tests build files from, loaded once.
+struct Streams {
+  HevcStream single, tiles[4], thumb, alpha, odd;
+  bool ok;
+  Streams();
+};
+const Streams &streams();  // a failing check when a stream is missing
 uint32_t be32(const uint8_t *p);
 inline uint32_t fcc(const char *s) { return TARN_FCC(s[0], s[1], s[2], s[3]); }
 
