@@ -184,6 +184,17 @@ TEST(HvccBuilder, Refusals) {
     EXPECT_EQ(out[0], 0xEE);  // nothing written
   }
   EXPECT_EQ(tarnm_get_hvcc_size(nullptr), -1);
+  // Four units of one kind are the most an array takes.
+  const tarnm_param_sets one = one_each(vps, s.sps[0], pps);
+  tarnm_param_sets four = one;
+  four.pps_count = 4;
+  for (int k = 1; k < 4; ++k) {
+    four.pps_size[k] = uint32_t(pps.size());
+    four.pps_data[k] = pps.data();
+  }
+  EXPECT_EQ(tarnm_get_hvcc_size(&four), tarnm_get_hvcc_size(&one) + 3 * (2 + 8));
+  Bytes record(256);
+  EXPECT_EQ(tarnm_make_hvcc(&four, record.data()), 0);
   // An SPS that decodes to values no stream has.
   const struct {
     const char *name;

@@ -136,6 +136,12 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   e.xmp_data = nullptr, e.xmp_size = 0;
   EXPECT_EQ(full.image(128, 0, e), 0);
   EXPECT_EQ(full.image(129, 0, e), -1);
+  // Exif on the largest id leaves no id for its own item: the finish fails.
+  Mux top;
+  ASSERT_EQ(top.image(0xFFFF, 0, e), 0);
+  tarn_test::LogCapture cap;
+  EXPECT_EQ(tarnm_stop_muxing(top.ctx), -3);
+  EXPECT_TRUE(cap.has("no item id left above 65535", "tarnm")) << cap.dump();
   // A pixi that would be the 128th property fails the whole registration.
   Mux many;
   tarnm_image_info p = Mux::info_for(fx.thumb, 128, 128);

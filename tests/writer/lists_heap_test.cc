@@ -261,6 +261,9 @@ TEST(WriterContext, HeapGrowthDeliveredBuffersAndRefusals) {
   EXPECT_EQ(-4, tarnm_use_delivered_memory_buffer(d.ctx, buf, 31));
   EXPECT_EQ(-1, tarnm_use_delivered_memory_buffer(d.ctx, nullptr, 100));
   EXPECT_EQ(-1, tarnm_use_delivered_memory_buffer(d.ctx, buf, 0));
+  Mux exact;
+  uint8_t just[32];
+  EXPECT_EQ(0, tarnm_use_delivered_memory_buffer(exact.ctx, just, sizeof just));
   ASSERT_EQ(0, tarnm_use_delivered_memory_buffer(d.ctx, buf, sizeof buf));
   d.st().max_image_size = 50000000;
   EXPECT_EQ(-4, tarnm_reallocate_image_buffer(&d.st()));
