@@ -152,6 +152,17 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   }
   p.width = 8, p.bit_depth_info_count = 2;
   EXPECT_EQ(many.image(126, 0, p), -1);
+  // So do the tiles' irot of a grid whose other properties all exist.
+  p.bit_depth_info_count = 1, p.rotation = 90;
+  const tarnm_grid_info single{8, 128, 1, 1, 200, 200, 201, 0};
+  EXPECT_EQ(many.image(201, 0, p, &single), -1);
+  // Sixteen stereo pairs fill the entity groups; the seventeenth is refused.
+  Mux pairs;
+  tarnm_image_info pair = Mux::info_for(fx.thumb, 128, 128);
+  ASSERT_EQ(pairs.image(1, 0, pair), 0);
+  pair.img_type = IMG_TYPE_STEREO;
+  for (uint32_t id = 2; id <= 17; ++id) ASSERT_EQ(pairs.image(id, 1, pair), 0);
+  EXPECT_EQ(pairs.image(18, 1, pair), -1);
   EXPECT_EQ(tarnm_set_cover_image(mux.ctx, -1), -1);
   EXPECT_EQ(tarnm_set_cover_image(nullptr, 1), -1);
 }
