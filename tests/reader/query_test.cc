@@ -88,6 +88,10 @@ TEST(Query, RolesInformationAndReferences) {
   EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 42, nullptr, 0, &size), -1);
   EXPECT_EQ(size, 0);
   EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, nullptr, 0, nullptr), -1);
+  // A caller's container list is searched within its count; a null one holds nothing.
+  EXPECT_EQ(tarnd_search_fcc(fcc("meta"), "metadinf", 1), 0);
+  EXPECT_EQ(tarnd_search_fcc(fcc("dinf"), "metadinf", 1), -1);
+  EXPECT_EQ(tarnd_search_fcc(fcc("meta"), nullptr, 2), -1);
 }
 
 TEST(Query, ItemInformation) {

@@ -195,6 +195,8 @@ TEST(HvccBuilder, Refusals) {
   EXPECT_EQ(tarnm_get_hvcc_size(&four), tarnm_get_hvcc_size(&one) + 3 * (2 + 8));
   Bytes record(256);
   EXPECT_EQ(tarnm_make_hvcc(&four, record.data()), 0);
+  EXPECT_EQ(tarnm_make_hvcc(nullptr, record.data()), -1);
+  EXPECT_EQ(tarnm_make_hvcc(&four, nullptr), -1);
   // An SPS that decodes to values no stream has.
   const struct {
     const char *name;
