@@ -170,6 +170,7 @@ const Scenario kScenarios[] = {
        tarnm_image_info i = Mux::info_for(S().single, 512, 512);
        i.exif_data = exif().data();
        i.exif_size = uint32_t(exif().size());
+       i.max_cll = 1000;  // a light level without a frame average still takes clli
        tarnm_image_info t = typed(S().thumb, 128, IMG_TYPE_THUMBNAIL);
        t.xmp_data = i.xmp_data = reinterpret_cast<const uint8_t *>(kXmp);
        t.xmp_size = i.xmp_size = uint32_t(sizeof kXmp - 1);

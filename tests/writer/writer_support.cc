@@ -120,6 +120,7 @@ int32_t Mux::image(uint32_t id, uint32_t ref, tarnm_image_info info, const tarnm
     if (std::string(type) != "grid") e.config = config;
     if (!tile) {
       e.aux = in.aux_type;
+      e.untyped = (in.bit_depth_info_count != 0) + (in.max_cll != 0 || in.max_pall != 0);
       if (in.exif_size) e.exif.assign(in.exif_data, in.exif_data + in.exif_size);
       if (in.xmp_size) e.xmp.assign(in.xmp_data, in.xmp_data + in.xmp_size);
       if (in.img_type == IMG_TYPE_THUMBNAIL) e.refs[fcc("thmb")] = {uint16_t(ref)};
@@ -236,6 +237,7 @@ void check_properties(const tarnd_ctx *ctx, uint16_t id, const ExpectedItem &e) 
   EXPECT_EQ(seen[fcc("colr")], !e.icc.empty() || e.nclx ? 1 : 0);
   EXPECT_EQ(seen[fcc("hvcC")], e.config.empty() ? 0 : 1);
   EXPECT_EQ(seen[fcc("auxC")], e.aux ? 1 : 0);
+  EXPECT_EQ(seen[0], e.untyped);
 }
 
 }  // namespace

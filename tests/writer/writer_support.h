@@ -59,6 +59,7 @@ struct ExpectedItem {
   uint32_t width = 0, height = 0, aux = 0, rows = 0, columns = 0;
   int32_t irot = -1;  // anticlockwise quarter turns; -1 no irot
   bool nclx = false;
+  int untyped = 0;  // pixi and clli, which the reader counts without reading
   std::map<uint32_t, std::vector<uint16_t>> refs;
 };
 struct Expectation {
