@@ -40,8 +40,8 @@ inline CtxPtr open_path(const std::string &path, int32_t *err, uint32_t mode = T
 
 inline uint32_t fcc(const std::string &s) { return s.size() < 4 ? 0 : TARND_FCC(s[0], s[1], s[2], s[3]); }
 
-// A JSON value of facts.json: objects, arrays, strings (\uXXXX below 0x100),
-// integers; true and false read as 1 and 0.
+// A JSON value of facts.json: objects, arrays, strings (\uXXXX below 0x100)
+// and integers, all that the facts use.
 struct Json {
   int64_t number = 0;
   std::string text;
@@ -82,9 +82,6 @@ inline bool parse_json(const char *&p, Json *v) {
       if (escape && *p == 'u') p += 4;
     }
     return ++p, true;
-  }
-  for (const char *word : {"null", "false", "true"}) {
-    if (strncmp(p, word, strlen(word)) == 0) return v->number = *word == 't', p += strlen(word), true;
   }
   char *end = nullptr;
   v->number = strtoll(p, &end, 10);
