@@ -155,5 +155,48 @@ TEST(Query, ItemInformation) {
   }
 }
 
+// One frame of three NAL units, with length prefixes of 1, 2 and 4 bytes,
+// stored whole or in two extents cut at every byte (laid out in order or
+// the second first), in mdat or in idat: tolerant reading hands out the
+// same start-code form from each, refuses a buffer one byte short and
+// fails when the file ends one byte early.
+TEST(Query, FramesFromEveryLayoutOfTheirExtents) {
+  const std::vector<Bytes> units = {{0x26, 1, 2}, {0x28}, {0x02, 1, 2, 3, 4}};
+  Bytes want;
+  for (const Bytes &u : units) want = cat({want, u32(1), u});
+  for (const uint8_t prefix : {1, 2, 4}) {
+    Bytes data;
+    for (const Bytes &u : units) data = cat({data, be(u.size(), prefix), u});
+    const uint32_t n = uint32_t(data.size());
+    for (uint32_t cut = 0; cut < n; ++cut) {
+      for (const int layout : {0, 1, 2, 3}) {  // mdat in order, mdat second first, idat, mdat cut short
+        SCOPED_TRACE("prefix " + std::to_string(prefix) + ", cut " + std::to_string(cut) + ", layout " +
+                     std::to_string(layout));
+        const Bytes a(data.begin(), data.begin() + cut), b(data.begin() + cut, data.end());
+        File f;
+        f.iloc_version = 1;
+        f.ipco = cat({hvcc({}, 0, prefix), ispe(64, 64)});
+        f.locs = {{1, 0, n, uint16_t(layout == 2)}};
+        if (cut != 0) f.split = layout == 1 ? decltype(f.split){{n - cut, cut}, {0, n - cut}}
+                                            : decltype(f.split){{0, cut}, {cut, n - cut}};
+        f.mdat = layout == 1 ? cat({b, a}) : layout == 2 ? Bytes() : data;
+        f.more = box("idat", {layout == 2 ? data : Bytes(n, 0)});  // mdat items must not read it
+        Bytes file = f.build();
+        if (layout == 3) file.pop_back();
+        CtxPtr ctx = open_memory(file, nullptr, TARND_READ_TOLERANT);
+        ASSERT_NE(ctx, nullptr);
+        int32_t size = -1;
+        Bytes buf(want.size() + 4, 0xEE);
+        EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, nullptr, 0, &size), layout == 3 ? -6 : 0);
+        EXPECT_EQ(size, layout == 3 ? 0 : int32_t(want.size()));
+        if (layout == 3) continue;
+        EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, buf.data(), int32_t(want.size()) - 1, &size), -4);
+        EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, buf.data(), int32_t(want.size()), &size), 0);
+        EXPECT_EQ(buf, cat({want, Bytes(4, 0xEE)}));
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tarn_test
