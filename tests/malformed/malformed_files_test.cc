@@ -195,6 +195,9 @@ const Case kCases[] = {
     {"nal_length_is_last_in_item", [] { File f; f.mdat = cat({kFrame, u32(5)}); f.locs = {{1, 0, 14, 0}};
        return f; },
      0, kFrame64, -3, "", nullptr},
+    {"nal_length_cut_by_item_end", [] { File f; f.mdat = cat({kFrame, u8(0)}); f.locs = {{1, 0, 11, 0}};
+       f.tail = box("free"); return f; },
+     0, kFrame64, -3, "", nullptr},
     {"jpeg_measured_without_buffer", [] { File f; f.infes = {infe(1, "jpeg")}; return f; },
      0, kMeasure, 10, "", nullptr},
     {"nal_longer_than_item_is_cut", [] { File f; f.mdat = cat({u32(1000), zeros(6)}); return f; },

@@ -60,7 +60,7 @@ TEST(KeyFrame, HeaderRules) {
       {103, {0, 0, 0x80, 2, 0x1C, 0x80, 0}, 0}, {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0}, 0},
       {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0, 0}, 1}, {111, {0, 0, 0x84, 1, 0, 0, 0x60}, 1},
       {102, {0, 0, 1, 0xB6, 0}, 1}, {102, {0, 0, 0x80, 1, 0x08, 0}, 0},
-      {119, {0x10, 0, 0, 0x9D, 1, 0x2A}, 1},  // a VP8 key frame of its tag and start code alone
+      {119, {0x10, 0, 0, 0x9D, 1, 0x2A}, 1}, {119, {0x10, 0, 0, 0x9D, 1, 0x2B}, 0},  // VP8 start code
       // AVC IDR start code filling the frame; MPEG-4 start code of another unit; a zero run after a header
       {104, {0, 0, 1, 0x65}, 1}, {102, {0, 0, 1, 0x20, 0}, 0}, {103, {0, 0, 1, 0x80, 2, 0, 0, 0}, 0},
       // HEVC: an IDR start code filling the frame; a picture of VCL type 9 decides before an IDR
