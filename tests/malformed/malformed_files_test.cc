@@ -200,6 +200,9 @@ const Case kCases[] = {
      0, kFrame64, -3, "", nullptr},
     {"jpeg_measured_without_buffer", [] { File f; f.infes = {infe(1, "jpeg")}; return f; },
      0, kMeasure, 10, "", nullptr},
+    {"jpeg_past_file_into_a_small_buffer", [] { File f; f.infes = {infe(1, "jpeg")}; f.locs = {{1, 0, 100, 0}};
+       return f; },
+     0, kFrame64, -6, "", nullptr},
     {"nal_longer_than_item_is_cut", [] { File f; f.mdat = cat({u32(1000), zeros(6)}); return f; },
      0, kFrame64, 0, "", nullptr},
     // Properties and associations.
