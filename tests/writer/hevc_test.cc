@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "tarn/utils.h"
 #include "writer/writer_support.h"
@@ -16,20 +15,15 @@ using tarn_test::Bytes;
 using tarn_test::HevcStream;
 
 tarnm_hevc_sps decode(const Bytes &nal) {
-  omni_bsr bs;
-  std::memset(&bs, 0, sizeof bs);
+  omni_bsr bs{};
   omni_bsr_init(&bs, nal.data() + 2, uint32_t(nal.size() - 2), tarnm_hevc_bs_flush);
-  tarnm_hevc_sps sps;
-  std::memset(&sps, 0, sizeof sps);
+  tarnm_hevc_sps sps{};
   tarnm_hevc_sps_dec(&bs, &sps);
   return sps;
 }
 
 tarnm_param_sets one_each(const Bytes &vps, const Bytes &sps, const Bytes &pps) {
-  HevcStream s;
-  s.vps = {vps};
-  s.sps = {sps};
-  s.pps = {pps};
+  const HevcStream s{{vps}, {sps}, {pps}, {}};
   tarnm_param_sets ps = s.param_sets();
   ps.vps_data[0] = vps.data();  // s is gone: point at the callers' units
   ps.sps_data[0] = sps.data();
