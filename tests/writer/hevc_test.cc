@@ -98,7 +98,6 @@ TEST(SpsDecoder, BuiltParameterSets) {
     uint32_t width;  // as decoded
   } kCases[] = {
       {"smallest codes", {0, 0, 0, 0x60000000, 0x900000000000, 93, 0, 1, 0, 1, 0, 0, 0, 0}, 0},
-      {"4032x3024", {0, 0, 0, 0x60000000, 0x900000000000, 150, 1, 2, 4032, 3024, 0, 0, 0, 0}, 4032},
       {"conformance window", {0, 0, 0, 0x60000000, 0x900000000000, 90, 0, 1, 304, 200, 1, 1, 2, 2}, 304},
       {"4:4:4, colour plane flag", {0, 0, 0, 0x08000000, 0, 120, 5, 3, 640, 480, 0, 0, 4, 4}, 640},
       {"one sub-layer, no flags", {1, 0, 0, 0x40000000, 0x900000000000, 90, 0, 1, 1920, 1080, 0, 0, 0, 0}, 1920},
@@ -143,7 +142,7 @@ TEST(SpsDecoder, BuiltParameterSets) {
                 std::vector<uint64_t>({f.height, f.conf_r, f.conf_b, f.luma, f.chroma_depth}));
     }
   }
-  const Bytes zeros = make_sps(kCases[7].f);  // really carries a 00 00 03
+  const Bytes zeros = make_sps(kCases[6].f);  // really carries a 00 00 03
   static const uint8_t kEpb[3] = {0, 0, 3};
   EXPECT_NE(std::search(zeros.begin(), zeros.end(), kEpb, kEpb + 3), zeros.end());
 }
@@ -197,7 +196,6 @@ TEST(HvccBuilder, Refusals) {
     SpsFields f;
     int32_t rc;
   } kImpossible[] = {
-      {"plausible", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 2, 2}, 0},
       {"4:4:4", {0, 0, 0, 0x60000000, 0, 90, 0, 3, 64, 64, 0, 0, 0, 0}, 0},
       {"chroma format 4", {0, 0, 0, 0x60000000, 0, 90, 0, 4, 64, 64, 0, 0, 0, 0}, -1},
       {"16-bit luma and chroma", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 8, 8}, 0},
