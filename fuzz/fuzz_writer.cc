@@ -84,8 +84,7 @@ void fill_image_info(Input &in, tarnm_image_info *info, const uint8_t *depths) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   Input in{data, size};
-  tarnm_init_dsc init;
-  std::memset(&init, 0, sizeof init);
+  tarnm_init_dsc init{};
   if (in.u8() & 1) {
     init.use_custom_brands = 1;
     init.major_brand = TARND_FCC('h', 'e', 'i', 'c');
@@ -107,8 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       case 1: {
         tarnm_image_info info;
         fill_image_info(in, &info, kDepths);
-        tarnm_grid_info grid;
-        std::memset(&grid, 0, sizeof grid);
+        tarnm_grid_info grid{};
         grid.output_width = in.u16();
         grid.output_height = in.u16();
         grid.rows = in.u8() % 5;

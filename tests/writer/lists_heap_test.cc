@@ -13,6 +13,7 @@
 
 namespace {
 
+using tarn_test::be32;
 using tarn_test::Bytes;
 using tarn_test::Cursor;
 using tarn_test::Mux;
@@ -128,12 +129,6 @@ TEST(Mblk, FindThroughBlockIndexAndBoundedDumps) {
   }
 }
 
-uint64_t read_be(const Bytes &b, size_t off, size_t n) {
-  uint64_t v = 0;
-  for (size_t i = off; i < off + n && i < b.size(); ++i) v = v << 8 | b[i];
-  return v;
-}
-
 TEST(AtomHeader, SizesAroundThe32BitLimit) {
   const struct {
     uint64_t payload;
@@ -163,8 +158,8 @@ TEST(AtomHeader, SizesAroundThe32BitLimit) {
     ASSERT_EQ(c.written, h.size());
     EXPECT_EQ(0xEE, out.buf[c.room]);
     if (c.rc != 0) continue;
-    const bool large = read_be(h, 0, 4) == 1;
-    EXPECT_EQ(c.total, large ? read_be(h, 8, 8) : read_be(h, 0, 4));
+    const bool large = be32(&h[0]) == 1;
+    EXPECT_EQ(c.total, large ? uint64_t(be32(&h[8])) << 32 | be32(&h[12]) : be32(&h[0]));
     EXPECT_EQ(c.total, h.size() + c.payload);
     EXPECT_EQ(0, memcmp(h.data() + 4, "test", 4));
     if (c.full) {
@@ -187,12 +182,7 @@ TEST(WriterContext, CreateAndBadHandles) {
     EXPECT_EQ(dsc != &kDefault, ctx == nullptr);
     tarnm_delete(ctx);
   }
-  // An empty file is ftyp, then an mdat header patched at the end.
   Mux w;
-  Bytes out(32);
-  ASSERT_EQ(32, tarnm_get_outputbuffer_size(w.ctx));
-  ASSERT_EQ(0, tarnm_dump_image_to_outputbuffer(w.ctx, out.data()));
-  EXPECT_EQ(0, memcmp(out.data() + 24, "\0\0\0\0mdat", 8));
   // Null, and a copy of a live context with its magic broken.
   tarnm_ctx *bad = static_cast<tarnm_ctx *>(malloc(sizeof(tarnm_ctx)));
   ASSERT_NE(nullptr, bad);
@@ -287,7 +277,7 @@ TEST(WriterContext, FileOutput) {
   ASSERT_TRUE(tarn_test::read_file(path, &back));
   remove(path.c_str());
   ASSERT_EQ(32u, back.size());
-  EXPECT_EQ(0, memcmp(back.data() + 28, "mdat", 4));
+  EXPECT_EQ(0, memcmp(back.data() + 24, "\0\0\0\0mdat", 8));  // ftyp, then an mdat header patched at the end
   tarnm_file_output out;
   EXPECT_EQ(-1, tarnm_output_init_file(&out, ""));
   EXPECT_EQ(-1, tarnm_output_init_file(nullptr, "x"));

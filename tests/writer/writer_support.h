@@ -54,8 +54,8 @@ struct Cursor {
 // What one item must look like when read back.
 struct ExpectedItem {
   uint32_t type = 0;  // TARN_FCC order
-  bool hidden = false, has_data = false;
-  Bytes data, icc, config, tonemap, exif, xmp;
+  bool hidden = false;
+  Bytes data, icc, config, tonemap, exif, xmp;  // data: the frame, when one was put
   uint32_t width = 0, height = 0, aux = 0, rows = 0, columns = 0;
   int32_t irot = -1;  // anticlockwise quarter turns; -1 no irot
   bool nclx = false;
