@@ -57,6 +57,7 @@ TEST(Rational, CleanApertureToCrop) {
       {"negative offset to corner", 64, 64, {16, 1, 16, 1, -48, 2, -48, 2}, {0, 0, 16, 16}},
       {"offset to the far corner", 64, 64, {32, 1, 32, 1, 16, 1, 16, 1}, {32, 32, 64, 64}},
       {"offset past the left edge", 64, 64, {16, 1, 16, 1, -25, 1, 0, 1}, {-1, -1, -1, -1}},
+      {"offset in thirds past the left edge", 64, 64, {16, 1, 16, 1, -75, 3, 0, 1}, {-1, -1, -1, -1}},
       {"half-pixel left edge", 4033, 3024, {4000, 1, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"fractional width", 4032, 3024, {4001, 2, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"zero width denominator", 4032, 3024, {4000, 0, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
