@@ -90,6 +90,8 @@ const Case kCases[] = {
      0, kNone, 0, "size of 32bit atom is too small", "tarnd_parse"},
     {"large_size_below_16", [] { File f; f.more = box_large("free", {}, 15); return f; },
      0, kNone, 0, "size of 64bit atom is too small", "tarnd_parse"},
+    {"large_size_of_its_header_alone", [] { File f; f.more = box_large("free"); return f; },
+     0, kFrame64, 0, "", nullptr},
     {"large_size_wraps_position", [] { File f; f.tail = box_large("free", {}, ~0ull - 15); return f; },
      0, kNone, 0, "atom size is too big(18446744073709551600)", "tarnd_parse"},
     {"zero_size_box_swallows_meta", [] { File f; f.head = box_sized(0, "free"); return f; },
@@ -473,6 +475,8 @@ TEST(MalformedFiles, StatusAndLogLine) {
   EXPECT_EQ(tarnd_create(nullptr, 0, &info, &err), nullptr);
   EXPECT_EQ(tarnd_create(&io, 0, nullptr, &err), nullptr);
   EXPECT_EQ(err, -6);
+  EXPECT_EQ(tarnd_create_with_flags(&io, 0x80, &info, &err), nullptr);  // a mode bit of no meaning
+  EXPECT_EQ(err, -1);
 }
 
 TEST(MalformedFiles, StrictAndTolerantSideBySide) {
