@@ -91,6 +91,9 @@ int32_t write_file(tarnm_ctx **out) {
   if ((rc = tarnm_set_image_info(*out, 5, 0, &grid, &layout)) != 0) return rc;
   if ((rc = tarnm_set_image_info(*out, 6, 5, &thumb, nullptr)) != 0) return rc;
   if ((rc = tarnm_set_image_info(*out, 7, 5, &alpha, nullptr)) != 0) return rc;
+  // The tone map's inputs are the cover image and the gain map as they stand
+  // when it is registered: the cover comes first, or its reference names 0.
+  if ((rc = tarnm_set_cover_image(*out, 5)) != 0) return rc;
   if ((rc = tarnm_set_image_info(*out, 8, 5, &tmap, nullptr)) != 0) return rc;
   for (uint32_t t = 0; t < 4; ++t) {
     const Bytes &f = in.tiles[t].frame;
@@ -99,7 +102,6 @@ int32_t write_file(tarnm_ctx **out) {
   for (uint32_t id : {6u, 7u}) {
     if ((rc = tarnm_put_frm(*out, id, in.thumb.frame.data(), uint32_t(in.thumb.frame.size()))) != 0) return rc;
   }
-  if ((rc = tarnm_set_cover_image(*out, 5)) != 0) return rc;
   return tarnm_stop_muxing(*out);
 }
 
