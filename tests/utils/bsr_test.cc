@@ -106,6 +106,8 @@ TEST(BitReader, AReadAcrossTheEndGetsZeroBits) {
   bs = reader(buf, nullptr);
   EXPECT_EQ(omni_bsr_read(&bs, 28), 0x1234567u);
   EXPECT_EQ(omni_bsr_read(&bs, 16), 0x89A0u);
+  bs = reader(buf, nullptr);  // a count past 32 reads 32 bits
+  EXPECT_EQ(omni_bsr_read(&bs, 40), 0x12345678u);
   omni_bsr_init(&bs, nullptr, 100, nullptr);  // a null buffer is empty whatever its size
   EXPECT_EQ(omni_bsr_read(&bs, 1), kEnd);
   bs = reader(buf, nullptr);  // a set bit is a value, not the end
