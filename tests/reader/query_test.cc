@@ -158,8 +158,9 @@ TEST(Query, ItemInformation) {
 // One frame of three NAL units, with length prefixes of 1, 2 and 4 bytes,
 // stored whole or in two extents cut at every byte (laid out in order or
 // the second first), in mdat or in idat: tolerant reading hands out the
-// same start-code form from each, refuses a buffer one byte short and
-// fails when the file ends one byte early.
+// same start-code form from each, refuses a buffer one byte short (and a
+// size too small for any start code, even without a buffer) and fails when
+// the file ends one byte early.
 TEST(Query, FramesFromEveryLayoutOfTheirExtents) {
   const std::vector<Bytes> units = {{0x26, 1, 2}, {0x28}, {0x02, 1, 2, 3, 4}};
   Bytes want;
@@ -191,6 +192,7 @@ TEST(Query, FramesFromEveryLayoutOfTheirExtents) {
         EXPECT_EQ(size, layout == 3 ? 0 : int32_t(want.size()));
         if (layout == 3) continue;
         EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, buf.data(), int32_t(want.size()) - 1, &size), -4);
+        EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, nullptr, 1, &size), -4);  // a size bounds even no buffer
         EXPECT_EQ(tarnd_get_image_frm(ctx.get(), 1, buf.data(), int32_t(want.size()), &size), 0);
         EXPECT_EQ(buf, cat({want, Bytes(4, 0xEE)}));
       }

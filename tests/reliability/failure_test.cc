@@ -281,8 +281,9 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
 
 // The allocations that neither test above reaches: the file source, the id
 // index of a tolerant open of more than 64 items out of order, a writer
-// list's block index, aligned memory and the SEI parser's bit reader. Each
-// one, failed in turn, is refused cleanly and leaks nothing.
+// list's block index, the container stack, aligned memory and the SEI
+// parser's bit reader. Each one, failed in turn, is refused cleanly and
+// leaks nothing.
 TEST(OtherAllocFailure, EachIsRefusedCleanly) {
 #if !defined(TARN_TEST_ALLOC_HOOK)
   GTEST_SKIP() << "allocator wrapping needs glibc without sanitizers";
@@ -310,6 +311,15 @@ TEST(OtherAllocFailure, EachIsRefusedCleanly) {
          void *p = omni_malloc_align32(100), *q = omni_malloc_fast_align32(100);
          omni_mfree_align32(p), omni_mfree_fast_align32(q);
          return int32_t(p == nullptr) + int32_t(q == nullptr); }},
+      {"container stack", [] {  // pushes that succeeded are all freed, one by one or at once
+         tarnd_cstack stack;
+         tarnd_cstack_init(&stack);
+         const tarnd_cstack_node node = {nullptr, 64};
+         int32_t rc = 0;
+         for (int i = 0; i < 3; ++i) rc |= tarnd_cstack_push(&stack, &node);
+         tarnd_cstack_pop(&stack);
+         tarnd_cstack_deinit(&stack);
+         return rc | int32_t(stack != nullptr); }},
       {"SEI parser", [] {
          const uint8_t t35[] = {0xB5, 0, 0x3C, 0, 1, 4, 1};
          return omni_vc_parse_sei_t35_metadata(t35, sizeof t35, &sei); }},

@@ -103,6 +103,11 @@ TEST(BitReader, AReadAcrossTheEndGetsZeroBits) {
   omni_bsr bs = reader(buf, nullptr);
   // A peek longer than the cache takes its last bits from the final byte.
   EXPECT_EQ(omni_bsr_read(&bs, 4) + omni_bsr_peek(&bs, 32), 0x23456789u + 1);
+  bs = reader(buf, nullptr);  // a peek that the cache holds loads no more bytes
+  EXPECT_EQ(omni_bsr_read(&bs, 8), 0x12u);
+  const omni_bsr held = bs;
+  EXPECT_EQ(omni_bsr_peek(&bs, 8), 0x34u);
+  EXPECT_TRUE(bs.cur == held.cur && bs.leftbits == held.leftbits);
   bs = reader(buf, nullptr);
   EXPECT_EQ(omni_bsr_read(&bs, 28), 0x1234567u);
   EXPECT_EQ(omni_bsr_read(&bs, 16), 0x89A0u);
