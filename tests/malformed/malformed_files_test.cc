@@ -189,6 +189,19 @@ const Case kCases[] = {
        f.iloc = fullbox("iloc", 0, 0, {u8(0x88), u8(0), u16(2), u16(1), u16(0), u16(1), u64(0), u64(10), u16(2),
        u16(0), u16(1), u64(~0ull - 1), u64(20)}); f.more = iref(ref("cdsc", 2, {1})); return f; },
      0, kExif, -1, "", nullptr},
+    {"extent_offset_past_idat", [] { File f; f.iloc_version = 1; f.locs = {{1, 100, 10, 1}};
+       f.more = box("idat", {kFrame}); return f; },
+     0, kFrame64, -1, "", nullptr},
+    {"iloc_without_entries", [] { File f; f.iloc = fullbox("iloc", 0, 0, {u8(0x44), u8(0), u16(0)});
+       return f; },
+     -2, kNone, 0, "parser_iloc : item count is abnormal(0)", "tarnd_handlers"},
+    {"infe_beyond_the_iinf_count", [] { File f;
+       f.iinf = fullbox("iinf", 0, 0, {u16(1), infe(1, "hvc1"), infe(2, "hvc1", 1)}); return f; },
+     -2, kNone, 0, "ctx->meta.properties is NULL", "tarnd"},
+    {"exif_primary_and_every_image_hidden", [] { File f = two_items();
+       f.infes = {infe(1, "hvc1", 1), infe(2, "Exif", 1)};
+       f.pitm = fullbox("pitm", 0, 0, {u16(2)}); return f; },
+     0, kPrimary, 2, "", nullptr},
     {"extent_past_idat", [] { File f; f.iloc_version = 1; f.locs = {{1, 0, 100, 1}};
        f.more = box("idat", {kFrame}); return f; },
      0, kFrame64, -6, "", nullptr},
@@ -350,6 +363,11 @@ const ModeCase kModeCases[] = {
     {"mode_grid_first_extent_past_file", [] { File f = grid(cat({u16(0), u16(0x0101), u32(0x00400040)}));
        f.split = {{1000, 4}, {0, 4}}; return f; }, kGrid,
      {0, -2, "tarnd_get_info_item : grid data size is invalid(4)", "tarnd"}, {0, -1, nullptr, nullptr}},
+    {"mode_id_0_among_ids_out_of_order", [] { File f;  // sorting puts id 0 last, where lookups expect it
+       f.infes = {infe(2, "hvc1", 1), infe(0, "hvc1", 1), infe(1, "hvc1")};
+       f.locs = {{2, 0, 10, 0}, {0, 0, 10, 0}, {1, 0, 10, 0}}; return f; }, kFrameSize,
+     {-2, 0, "item_ID does not increase. previous(2), current(0)", "tarnd_handlers"},
+     {0, 10, nullptr, nullptr}},
     {"mode_overlay_primary", [] { File f; f.infes = {infe(2, "hvc1"), infe(3, "iovl")};
        f.locs = {{2, 0, 10, 0}, {3, 0, 0, 0}}; f.ipma_box = ipma({{2, 0x81, 0x82}, {3, 0x82}});
        f.pitm = fullbox("pitm", 0, 0, {u16(3)}); f.more = iref(ref("dimg", 3, {2})); return f; }, kPrimary,

@@ -91,6 +91,8 @@ TEST(Rational, CleanApertureToCrop) {
     EXPECT_EQ(tarnd_convert_clean_aperture_to_crop(4032, 3024, w.clap, &crop), 0);
     EXPECT_TRUE(cap.has(w.line)) << cap.dump();
   }
+  tarnd_crop crop;
+  EXPECT_EQ(tarnd_convert_clean_aperture_to_crop(64, 64, nullptr, &crop), 0);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/alloc_hook.h"
+#include "support/box_builder.h"
 #include "support/files.h"
 #include "tarn/io.h"
 #include "tarn/reader.h"
@@ -280,10 +281,10 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
 }
 
 // The allocations that neither test above reaches: the file source, the id
-// index of a tolerant open of more than 64 items out of order, a writer
-// list's block index, the container stack, aligned memory and the SEI
-// parser's bit reader. Each one, failed in turn, is refused cleanly and
-// leaks nothing.
+// index of a tolerant open of more than 64 items out of order, a model
+// block of its own, a writer list's block index, the container stack,
+// aligned memory and the SEI parser's bit reader. Each one, failed in turn,
+// is refused cleanly and leaks nothing.
 TEST(OtherAllocFailure, EachIsRefusedCleanly) {
 #if !defined(TARN_TEST_ALLOC_HOOK)
   GTEST_SKIP() << "allocator wrapping needs glibc without sanitizers";
@@ -302,6 +303,23 @@ TEST(OtherAllocFailure, EachIsRefusedCleanly) {
          tarnd_io_init_file(&io, path.c_str());
          tarnd_delete(tarnd_create_with_flags(&io, TARND_READ_TOLERANT, &fi, &err));
          return err; }},
+      {"an idat larger than any model block", [] {  // which takes a block of its own
+         static const Bytes file = [] {
+           bb::File f;
+           f.iloc_version = 1;
+           f.locs = {{1, 0, 10, 1}};
+           f.more = bb::box("idat", {bb::kFrame, bb::zeros(300 << 10)});
+           return f.build();
+         }();
+         tarnd_io_dsc io;
+         tarnd_file_info fi;
+         int32_t err = 1;
+         tarnd_io_init_memory(&io, file.data(), file.size());
+         void *h = tarnd_create_with_flags(&io, TARND_READ_STRICT, &fi, &err);
+         int32_t size = 0;  // an open without its idat serves no frame
+         const int32_t rc = h == nullptr ? err : tarnd_get_image_frm(h, 1, nullptr, 0, &size);
+         tarnd_delete(h);
+         return rc; }},
       {"block index", [] {  // built once per list, so released after each build
          const int32_t rc = tarn_mblk_upd_meta(&list, [](const void *) { return 1u; });
          free(list.meta_array);

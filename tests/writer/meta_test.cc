@@ -122,6 +122,7 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
          tarn_mblk_elem_last(nullptr, &it);
          const bool none = tarn_mblk_datasize(nullptr) == 0 && !tarn_mblk_elem_first(nullptr, &it) && !it.elem &&
                            !tarn_mblk_elem_prev(nullptr, &it) && !tarn_mblk_elem_next(nullptr, &it) &&
+                           !tarn_mblk_elem_prev(&s->ipco_list, nullptr) &&
                            tarn_rawstruct_write_iter(s, &word, kWord, nullptr, nullptr) == 0;
          return tarn_mblk_ctor(nullptr, 4) & tarn_mblk_elem_add_with_size(&s->ipco_list, nullptr, 4) &
                 tarn_mblk_elem_add(&s->iloc_list, nullptr) & tarn_mblk_elem_add(nullptr, &word) &
