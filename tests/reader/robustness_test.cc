@@ -8,6 +8,7 @@
 
 #include "fuzz/fuzz_common.h"
 #include "reader/helpers.h"
+#include "reader/internal.h"
 
 namespace tarn_test {
 namespace {
@@ -58,6 +59,33 @@ TEST(Robustness, ACallThatFailsFailsTheOpen) {
         EXPECT_EQ(got[0], got[1]);
       }
     }
+  }
+}
+
+// A caller's copy of the handler table is searched where the library's own
+// is hashed: both walks leave the same model.
+TEST(Robustness, ACopiedHandlerTableWalksAsTheOwnOne) {
+  TARN_REQUIRE_CORPUS();
+  const std::vector<tarnd_handler> rows(tarnd_handlers(), tarnd_handlers() + tarnd_handlers_cnt());
+  const std::string containers(tarnd_handlers_containr_fcc(), 4 * size_t(tarnd_handlers_containr_fcc_cnt()));
+  for (const char *name : kFiles) {
+    std::vector<uint8_t> file;
+    ASSERT_TRUE(read_file(corpus_dir() + "/" + name, &file)) << name;
+    std::string models[2];
+    for (const bool copied : {false, true}) {
+      tarnd_io_dsc io;
+      tarnd_io_init_memory(&io, file.data(), file.size());
+      CtxPtr ctx(tarnd::model_create_context());
+      ASSERT_NE(ctx, nullptr);
+      ctx->magic = TARND_MAGIC, ctx->self = ctx.get(), ctx->io = io, ctx->handle = io.open(&io, 0);
+      EXPECT_EQ(copied ? tarnd_parse(rows.data(), int32_t(rows.size()), containers.data(),
+                                     tarnd_handlers_containr_fcc_cnt(), &io, ctx->handle, ctx.get())
+                       : tarnd_parse(tarnd_handlers(), tarnd_handlers_cnt(), tarnd_handlers_containr_fcc(),
+                                     tarnd_handlers_containr_fcc_cnt(), &io, ctx->handle, ctx.get()),
+                1) << name;
+      models[copied] = tarn_fuzz::model_of(ctx.get());
+    }
+    EXPECT_EQ(models[0], models[1]) << name;
   }
 }
 
