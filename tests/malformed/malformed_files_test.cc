@@ -198,6 +198,9 @@ const Case kCases[] = {
     {"infe_beyond_the_iinf_count", [] { File f;
        f.iinf = fullbox("iinf", 0, 0, {u16(1), infe(1, "hvc1"), infe(2, "hvc1", 1)}); return f; },
      -2, kNone, 0, "ctx->meta.properties is NULL", "tarnd"},
+    {"infe_version_1_names_no_type", [] { File f;  // its name is not a type, even when it reads like one
+       f.infes = {fullbox("infe", 1, 0, {u16(1), u16(0), str("hvc1"), str("")})}; return f; },
+     0, kFrame64, -1, "", nullptr},
     {"exif_primary_and_every_image_hidden", [] { File f = two_items();
        f.infes = {infe(1, "hvc1", 1), infe(2, "Exif", 1)};
        f.pitm = fullbox("pitm", 0, 0, {u16(2)}); return f; },

@@ -150,6 +150,13 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   p.bit_depth_info_count = 1, p.rotation = 90;
   const tarnm_grid_info single{8, 128, 1, 1, 200, 200, 201, 0};
   EXPECT_EQ(many.image(201, 0, p, &single), -1);
+  // 255 grids fill the item data; the 256th is refused.
+  Mux grids;
+  const tarnm_image_info tile = Mux::info_for(fx.thumb, 128, 128);
+  for (uint32_t id = 2; id <= 512; id += 2) {  // over one tile each
+    const tarnm_grid_info layout{128, 128, 1, 1, id - 1, id - 1, uint16_t(id), 0};
+    ASSERT_EQ(grids.image(id, 0, tile, &layout), id < 512 ? 0 : -1) << id;
+  }
   // Sixteen stereo pairs fill the entity groups; the seventeenth is refused.
   Mux pairs;
   tarnm_image_info pair = Mux::info_for(fx.thumb, 128, 128);

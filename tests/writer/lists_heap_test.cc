@@ -279,6 +279,8 @@ TEST(WriterContext, FileOutput) {
   ASSERT_EQ(32u, back.size());
   EXPECT_EQ(0, memcmp(back.data() + 24, "\0\0\0\0mdat", 8));  // ftyp, then an mdat header patched at the end
   tarnm_file_output out;
+  ASSERT_EQ(0, tarnm_output_init_file(&out, path.c_str()));
+  EXPECT_EQ(0u, out.dsc.write(&out, "x", 1));  // nothing reaches a stream that is not open
   EXPECT_EQ(-1, tarnm_output_init_file(&out, ""));
   EXPECT_EQ(-1, tarnm_output_init_file(nullptr, "x"));
 }
