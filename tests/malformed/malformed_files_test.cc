@@ -371,6 +371,9 @@ const ModeCase kModeCases[] = {
        f.locs = {{2, 0, 10, 0}, {0, 0, 10, 0}, {1, 0, 10, 0}}; return f; }, kFrameSize,
      {-2, 0, "item_ID does not increase. previous(2), current(0)", "tarnd_handlers"},
      {0, 10, nullptr, nullptr}},
+    {"mode_repeated_id", [] { File f; f.infes = {infe(1, "hvc1"), infe(1, "hvc1")}; return f; }, kNone,
+     {-2, 0, "item_ID does not increase. previous(1), current(1)", "tarnd_handlers"},
+     {-2, 0, "duplicated item(type : 828601960). abnormal file", "tarnd_handlers"}},
     {"mode_overlay_primary", [] { File f; f.infes = {infe(2, "hvc1"), infe(3, "iovl")};
        f.locs = {{2, 0, 10, 0}, {3, 0, 0, 0}}; f.ipma_box = ipma({{2, 0x81, 0x82}, {3, 0x82}});
        f.pitm = fullbox("pitm", 0, 0, {u16(3)}); f.more = iref(ref("dimg", 3, {2})); return f; }, kPrimary,
