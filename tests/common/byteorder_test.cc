@@ -32,6 +32,7 @@ TEST(ByteOrder, SingleValuesAtEveryOffset) {
       {"reverse <0", tarn_conv_reverse, -1, {1, 2, 3}, {1, 2, 3}},
       {"reverse odd keeps middle", tarn_conv_reverse, 5, {1, 2, 3, 4, 5}, {5, 4, 3, 2, 1}},
       {"reverse prefix", tarn_conv_reverse, 2, {1, 2, 3, 4, 5}, {2, 1, 3, 4, 5}},
+      {"int 2", tarn_conv_int, 2, {1, 2, 9}, {2, 1, 9}},
       {"int 3", tarn_conv_int, 3, {1, 2, 3, 9}, {3, 2, 1, 9}},
       {"int 8", tarn_conv_int, 8, {1, 2, 3, 4, 5, 6, 7, 8}, {8, 7, 6, 5, 4, 3, 2, 1}},
       {"int 1", tarn_conv_int, 1, {7, 8}, {7, 8}},

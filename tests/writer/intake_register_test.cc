@@ -157,6 +157,13 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
     const tarnm_grid_info layout{128, 128, 1, 1, id - 1, id - 1, uint16_t(id), 0};
     ASSERT_EQ(grids.image(id, 0, tile, &layout), id < 512 ? 0 : -1) << id;
   }
+  // 13 x 14 tiles of 1024 x 1024 make a grid within the pixel limit; 14 x 14 do not.
+  const tarnm_image_info wide = Mux::info_for(fx.thumb, 1024, 1024);
+  for (const uint32_t n : {13u, 14u}) {
+    Mux big;
+    const tarnm_grid_info layout{1024 * 14, 1024 * n, n, 14, 1, n * 14, uint16_t(n * 14 + 1), 0};
+    EXPECT_EQ(big.image(n * 14 + 1, 0, wide, &layout), n == 13 ? 0 : -1);
+  }
   // Sixteen stereo pairs fill the entity groups; the seventeenth is refused.
   Mux pairs;
   tarnm_image_info pair = Mux::info_for(fx.thumb, 128, 128);

@@ -259,6 +259,10 @@ TEST(WriterContext, HeapGrowthDeliveredBuffersAndRefusals) {
   EXPECT_EQ(-4, tarnm_reallocate_image_buffer(&d.st()));
   static const uint8_t kToneMap[17] = {};
   EXPECT_EQ(-4, atom_dump_tmap_data(kToneMap, sizeof kToneMap, &d.st()));
+  // Tone maps may fill idat up to 4 GiB less one byte, and no further.
+  Mux t;
+  EXPECT_EQ(0, tarnm_put_tonemap_data(&t.st(), 1, 0xFFFFFFFFu));
+  EXPECT_EQ(-1, tarnm_put_tonemap_data(&t.st(), 2, 1));
 }
 
 TEST(WriterContext, FileOutput) {
