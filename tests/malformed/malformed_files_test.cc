@@ -92,6 +92,9 @@ const Case kCases[] = {
      0, kNone, 0, "size of 64bit atom is too small", "tarnd_parse"},
     {"large_size_of_its_header_alone", [] { File f; f.more = box_large("free"); return f; },
      0, kFrame64, 0, "", nullptr},
+    {"large_size_ends_at_the_last_position", [] { File f; f.tail = box_large("free");
+       f.tail = box_large("free", {}, ~0ull - (f.build().size() - 16)); return f; },
+     0, kFrame64, 0, "", nullptr},
     {"large_size_wraps_position", [] { File f; f.tail = box_large("free", {}, ~0ull - 15); return f; },
      0, kNone, 0, "atom size is too big(18446744073709551600)", "tarnd_parse"},
     {"zero_size_box_swallows_meta", [] { File f; f.head = box_sized(0, "free"); return f; },

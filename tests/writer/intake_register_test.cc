@@ -164,6 +164,9 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
     const tarnm_grid_info layout{1024 * 14, 1024 * n, n, 14, 1, n * 14, uint16_t(n * 14 + 1), 0};
     EXPECT_EQ(big.image(n * 14 + 1, 0, wide, &layout), n == 13 ? 0 : -1);
   }
+  Mux flat;  // 65 tiles in a row cover a width that the grid record cannot hold
+  const tarnm_grid_info strip{65600, 1024, 1, 65, 1, 65, 66, 0};
+  EXPECT_EQ(flat.image(66, 0, wide, &strip), -1);
   // Sixteen stereo pairs fill the entity groups; the seventeenth is refused.
   Mux pairs;
   tarnm_image_info pair = Mux::info_for(fx.thumb, 128, 128);

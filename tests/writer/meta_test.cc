@@ -117,6 +117,7 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
       {"no list or element", nullptr,
        [](tarnm_state *s) {
          static const rawstruct_field kWord[] = {{0, 4, 1, 1}, {0, 0, 0, 0}};
+         static const uint8_t kFour[4] = {8, 8, 8, 8};  // one channel more than pixi takes
          uint32_t word = 0;
          tarn_mblk_iter it;
          tarn_mblk_elem_last(nullptr, &it);
@@ -126,6 +127,7 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
                            tarn_rawstruct_write_iter(s, &word, kWord, nullptr, nullptr) == 0;
          return tarn_mblk_ctor(nullptr, 4) & tarn_mblk_elem_add_with_size(&s->ipco_list, nullptr, 4) &
                 tarn_mblk_elem_add(&s->iloc_list, nullptr) & tarn_mblk_elem_add(nullptr, &word) &
+                tarnm_add_element_pixi(s, 4, kFour) &
                 tarn_mblk_upd_meta(nullptr, [](const void *) { return 0u; }) &
                 tarn_rawstruct_mwrite(nullptr, &word, kWord) & tarn_rawstruct_mwrite(s, nullptr, kWord) &
                 tarn_rawstruct_iter(&word, kWord, [](void *, const rawstruct_field *, void *) { return 1; }, nullptr) &
