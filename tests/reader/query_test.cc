@@ -13,7 +13,8 @@ namespace {
 using namespace bb;
 
 // Item 1 primary (64x48), 2 its thumbnail, 3 its alpha plane, 4 a tmap over
-// 1 with gain map 5, 6 Exif of 1, 7 a 2x3 grid; a ster group pairs 2 and 3.
+// 1 with gain map 5 (describing 2), 6 Exif of 1, 7 a 2x3 grid; a ster group
+// pairs 2 and 3.
 // A property of unknown type still takes its slot in ipco.
 Bytes role_file() {
   File f;
@@ -26,7 +27,7 @@ Bytes role_file() {
                 box("colr", {fourcc("prof"), raw("ICCDATA")})});
   f.ipma_box = ipma({{1, 0x81, 3, 7}, {2, 0x81, 3, 5}, {3, 0x81, 3, 4, 6}, {5, 0x81, 3}, {7, 3}});
   f.more = cat({iref(cat({ref("thmb", 2, {1}), ref("auxl", 3, {1}), ref("dimg", 4, {1, 5}),
-                          ref("cdsc", 6, {1}), ref("dimg", 7, {1, 2, 3, 5, 1, 2})})),
+                          ref("cdsc", 4, {2}), ref("cdsc", 6, {1}), ref("dimg", 7, {1, 2, 3, 5, 1, 2})})),
                 box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(2), u32(2), u32(3)})})});
   return f.build();
 }
@@ -43,6 +44,7 @@ TEST(Query, RolesInformationAndReferences) {
       {TARND_ID_TONEMAP, 1, 0, 4}, {TARND_ID_GAINMAP, TARND_ID_REF_PRIMARY, 0, 5},
       {TARND_ID_STEREO_LEFT, 0, 0, 2}, {TARND_ID_STEREO_RIGHT, 0, 0, 3},
       {TARND_ID_THUMBNAIL, 3, -1, 0xFFFFFFFFu},  // no thumbnail of the alpha plane
+      {TARND_ID_TONEMAP, 2, -1, 0xFFFFFFFFu},  // the tmap describes 2 (cdsc) but is not made from it
       {0, 0, 0, 0x5555u},  // an unknown code leaves the answer alone
   };
   // clang-format on
