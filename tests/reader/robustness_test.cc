@@ -89,6 +89,35 @@ TEST(Robustness, ACopiedHandlerTableWalksAsTheOwnOne) {
   }
 }
 
+// The open containers that end at or before the source's position are
+// popped, innermost first; a source that cannot tell pops none.
+TEST(Robustness, ContainersEndWhereTheSourceStands) {
+  const std::vector<uint8_t> data(100, 0);
+  tarnd_io_dsc io;
+  tarnd_io_init_memory(&io, data.data(), data.size());
+  void *h = io.open(&io, 0);
+  uint64_t at = 50;
+  ASSERT_TRUE(h != nullptr && io.seek(h, &at) == 0);
+  tarnd_cstack stack;
+  tarnd_cstack_init(&stack);
+  for (const uint64_t end : {100u, 50u, 40u}) {
+    const tarnd_cstack_node node = {nullptr, end};
+    ASSERT_EQ(tarnd_cstack_push(&stack, &node), 0);
+  }
+  tarnd_io_dsc blind = io;
+  blind.tell = [](void *, uint64_t *) { return int32_t(-1); };
+  EXPECT_EQ(tarnd_parse_containr_end(&blind, h, &stack), -1);
+  EXPECT_EQ(tarnd_cstack_top(&stack)->end, 40u);
+  EXPECT_EQ(tarnd_parse_containr_end(&io, h, &stack), 0);
+  EXPECT_EQ(tarnd_cstack_top(&stack)->end, 100u);
+  at = 100;
+  io.seek(h, &at);
+  EXPECT_EQ(tarnd_parse_containr_end(&io, h, &stack), 0);
+  EXPECT_EQ(tarnd_cstack_top(&stack), nullptr);
+  tarnd_cstack_deinit(&stack);
+  io.close(h);
+}
+
 TEST(Robustness, InputSourcesRefuseMovesPastTheEnd) {
   const std::string path = testing::TempDir() + "/tarn_io_source_test.bin";
   const std::vector<uint8_t> data = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};

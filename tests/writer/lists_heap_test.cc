@@ -259,6 +259,11 @@ TEST(WriterContext, HeapGrowthDeliveredBuffersAndRefusals) {
   EXPECT_EQ(-4, tarnm_reallocate_image_buffer(&d.st()));
   static const uint8_t kToneMap[17] = {};
   EXPECT_EQ(-4, atom_dump_tmap_data(kToneMap, sizeof kToneMap, &d.st()));
+  EXPECT_EQ(-4, tarn_chunk_dump(&d.st(), kToneMap, sizeof kToneMap, 1));
+  static const uint8_t kFrame[40] = {0, 0, 0, 1, 0x26};  // refused before its location is kept
+  const uint32_t locations = d.st().iloc_list.elem_count;
+  EXPECT_EQ(-4, tarnm_put_frm(d.ctx, 1, kFrame, sizeof kFrame));
+  EXPECT_EQ(locations, d.st().iloc_list.elem_count);
   // Tone maps may fill idat up to 4 GiB less one byte, and no further.
   Mux t;
   EXPECT_EQ(0, tarnm_put_tonemap_data(&t.st(), 1, 0xFFFFFFFFu));
@@ -285,6 +290,7 @@ TEST(WriterContext, FileOutput) {
   tarnm_file_output out;
   ASSERT_EQ(0, tarnm_output_init_file(&out, path.c_str()));
   EXPECT_EQ(0u, out.dsc.write(&out, "x", 1));  // nothing reaches a stream that is not open
+  EXPECT_EQ(nullptr, out.dsc.open(&out.dsc, 0));  // for writing only
   EXPECT_EQ(-1, tarnm_output_init_file(&out, ""));
   EXPECT_EQ(-1, tarnm_output_init_file(nullptr, "x"));
 }
