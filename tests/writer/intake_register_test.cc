@@ -164,6 +164,9 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
     const tarnm_grid_info layout{1024 * 14, 1024 * n, n, 14, 1, n * 14, uint16_t(n * 14 + 1), 0};
     EXPECT_EQ(big.image(n * 14 + 1, 0, wide, &layout), n == 13 ? 0 : -1);
   }
+  Mux spare;  // the second column of tiles would lie wholly outside the output
+  const tarnm_grid_info narrow{128, 128, 1, 2, 1, 2, 3, 0};
+  EXPECT_EQ(spare.image(3, 0, tile, &narrow), -1);
   Mux flat;  // 65 tiles in a row cover a width that the grid record cannot hold
   const tarnm_grid_info strip{65600, 1024, 1, 65, 1, 65, 66, 0};
   EXPECT_EQ(flat.image(66, 0, wide, &strip), -1);
@@ -179,20 +182,23 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
 }
 
 TEST(Intake, StartCodesBecomeLengths) {
-  // Units of 58, 70 and 10 bytes: a start code straddles the end of the
-  // converter's first 64-byte block, another lies in the third.
-  Bytes blocks, blocks_out;
-  for (uint8_t len : {58, 70, 10}) {
-    blocks.insert(blocks.end(), {0, 0, 0, 1});
-    blocks_out.insert(blocks_out.end(), {0, 0, 0, len});
-    blocks.insert(blocks.end(), len, 0x66);
-    blocks_out.insert(blocks_out.end(), len, 0x66);
-  }
+  // Units of 58 (or 59), 70 and 10 bytes: a start code straddles the end of
+  // the converter's first 64-byte block (or begins at its last byte), another
+  // lies in the third.
+  auto three_units = [](uint8_t first, bool converted) {
+    Bytes b;
+    for (uint8_t len : {first, uint8_t(70), uint8_t(10)}) {
+      b.insert(b.end(), {0, 0, 0, converted ? len : uint8_t(1)});
+      b.insert(b.end(), len, 0x66);
+    }
+    return b;
+  };
   const struct {
     const char *name;
     Bytes in, out;
   } kCases[] = {
-      {"start codes across blocks", blocks, blocks_out},
+      {"start codes across blocks", three_units(58, false), three_units(58, true)},
+      {"start code from a block's last byte", three_units(59, false), three_units(59, true)},
       {"3-byte start code stays inside", {0, 0, 0, 1, 0x26, 0, 0, 1, 0x28, 7},
        {0, 0, 0, 6, 0x26, 0, 0, 1, 0x28, 7}},
       {"start code at the very end", {0, 0, 0, 1, 0x26, 9, 0, 0, 0, 1},
