@@ -158,6 +158,9 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
   ASSERT_EQ(0, tarnm_add_pixi_property(&w.st(), kDepths, 3));
   EXPECT_EQ(-1, tarnm_get_pixi_property_index(&w.st(), kBytes, 3));  // as many channels, other depths
   EXPECT_EQ(-1, tarnm_get_pixi_property_index(&w.st(), kDepths, 4));
+  EXPECT_EQ(-1, tarnm_get_pixi_property_index(&w.st(), nullptr, 3));  // channels without depths
+  EXPECT_EQ(0, tarn_mblk_elem_add_with_size(&w.st().ipco_list, nullptr, 0));  // nothing to copy
+  EXPECT_EQ(0, tarn_chunk_dump(&w.st(), kDepths, 1, 1));  // one byte is a chunk
 }
 
 }  // namespace
