@@ -69,6 +69,8 @@ TEST(Query, RolesInformationAndReferences) {
   EXPECT_EQ(info.flags, 0x1100u);
   ASSERT_EQ(tarnd_get_info_image(ctx.get(), 1, &info), 0);  // the image the alpha plane belongs to
   EXPECT_NE(info.flags & TARND_ITEM_HAS_AUX, 0u);
+  ASSERT_EQ(tarnd_get_info_image(ctx.get(), 2, &info), 0);  // described by the tmap, which is no XMP
+  EXPECT_EQ(info.flags & TARND_ITEM_HAS_MIME, 0u);
   // A tmap's dimg makes it neither a grid nor an overlay; a grid's does.
   for (const auto &want : {std::make_pair(4, 0u), std::make_pair(7, TARND_ITEM_GRID)}) {
     info = {};
@@ -164,7 +166,7 @@ TEST(Query, ItemInformation) {
 // size too small for any start code, even without a buffer) and fails when
 // the file ends one byte early.
 TEST(Query, FramesFromEveryLayoutOfTheirExtents) {
-  const std::vector<Bytes> units = {{0x26, 1, 2}, {0x28}, {0x02, 1, 2, 3, 4}};
+  const std::vector<Bytes> units = {{0x26, 1, 2}, {0x02, 1, 2, 3, 4}, {0x28}};  // the last of one byte
   Bytes want;
   for (const Bytes &u : units) want = cat({want, u32(1), u});
   for (const uint8_t prefix : {1, 2, 4}) {
