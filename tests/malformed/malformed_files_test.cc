@@ -383,10 +383,6 @@ const ModeCase kModeCases[] = {
      {0, 2, nullptr, nullptr}, {0, 3, nullptr, nullptr}},
 };
 
-std::string regression_path(const char *name) {
-  return std::string(TARN_TEST_DATA_DIR) + "/../../fuzz/regressions/reader/" + name;
-}
-
 int32_t ask(void *h, Query q) {
   uint32_t id = 0;
   int32_t size = -1, s = 0;

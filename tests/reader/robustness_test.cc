@@ -78,10 +78,9 @@ TEST(Robustness, ACopiedHandlerTableWalksAsTheOwnOne) {
       CtxPtr ctx(tarnd::model_create_context());
       ASSERT_NE(ctx, nullptr);
       ctx->magic = TARND_MAGIC, ctx->self = ctx.get(), ctx->io = io, ctx->handle = io.open(&io, 0);
-      EXPECT_EQ(copied ? tarnd_parse(rows.data(), int32_t(rows.size()), containers.data(),
-                                     tarnd_handlers_containr_fcc_cnt(), &io, ctx->handle, ctx.get())
-                       : tarnd_parse(tarnd_handlers(), tarnd_handlers_cnt(), tarnd_handlers_containr_fcc(),
-                                     tarnd_handlers_containr_fcc_cnt(), &io, ctx->handle, ctx.get()),
+      EXPECT_EQ(tarnd_parse(copied ? rows.data() : tarnd_handlers(), tarnd_handlers_cnt(),
+                            copied ? containers.data() : tarnd_handlers_containr_fcc(),
+                            tarnd_handlers_containr_fcc_cnt(), &io, ctx->handle, ctx.get()),
                 1) << name;
       models[copied] = tarn_fuzz::model_of(ctx.get());
     }

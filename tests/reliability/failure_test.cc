@@ -106,11 +106,6 @@ int32_t write_file(tarnm_ctx **out) {
   return tarnm_stop_muxing(*out);
 }
 
-// A file of fuzz/regressions/reader/, which the malformed-file table writes.
-[[maybe_unused]] std::string regression_path(const std::string &name) {
-  return std::string(TARN_TEST_DATA_DIR) + "/../../fuzz/regressions/reader/" + name;
-}
-
 [[maybe_unused]] Bytes reference_file() {
   tarnm_ctx *w = nullptr;
   Bytes file;

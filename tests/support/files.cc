@@ -17,6 +17,10 @@ std::string corpus_dir() {
 
 std::string data_path(const std::string &name) { return std::string(TARN_TEST_DATA_DIR) + "/" + name; }
 
+std::string regression_path(const std::string &name) {
+  return std::string(TARN_TEST_DATA_DIR) + "/../../fuzz/regressions/reader/" + name;
+}
+
 bool read_file(const std::string &path, std::vector<uint8_t> *out) {
   FILE *f = std::fopen(path.c_str(), "rb");
   if (f == nullptr) return false;

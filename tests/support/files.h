@@ -13,6 +13,9 @@ namespace tarn_test {
 std::string corpus_dir();
 // Path of a committed fixture under tests/data.
 std::string data_path(const std::string &name);
+// Path of a reader input under fuzz/regressions/reader, which the
+// malformed-file table writes and the fuzz replay reads.
+std::string regression_path(const std::string &name);
 // Whole file, or false when it cannot be read.
 bool read_file(const std::string &path, std::vector<uint8_t> *out);
 
