@@ -122,6 +122,9 @@ const Case kCases[] = {
      0, kFrame64, 0, "", nullptr},
     {"ftyp_without_compatible_brands", [] { File f; f.ftyp = box("ftyp", {fourcc("heic"), u32(0)}); return f; },
      0, kBrand, 1, "", nullptr},
+    {"ftyp_still_brand_after_another", [] { File f;
+       f.ftyp = box("ftyp", {fourcc("miaf"), u32(0), fourcc("miaf"), fourcc("mif1")}); return f; },
+     0, kBrand, 1, "", nullptr},
     {"ftyp_sequence_major_brand_alone", [] { File f; f.ftyp = box("ftyp", {fourcc("hevc"), u32(0)}); return f; },
      0, kBrand, 2, "", nullptr},
     // Item information and 16- versus 32-bit ids.

@@ -65,6 +65,11 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
        }, true, nullptr},
       {"1 x 769 tiles", [](I *, G *g) { g->rows = 1, g->columns = 769, g->last_tile_id = 778; },
        true, nullptr},
+      {"28 x 28 tiles", [](I *i, G *g) {
+         i->width = i->height = 64;
+         g->rows = g->columns = 28, g->output_width = g->output_height = 1792;
+         g->first_tile_id = 100, g->last_tile_id = 883;
+       }, true, nullptr},
       {"tile ids past 65535", [](I *, G *g) { g->first_tile_id = 65533, g->last_tile_id = 65536; }, true,
        "grid tile ids 65533..65536 do not hold 2 x 2 tiles apart from grid 20"},
       {"tile range short", [](I *, G *g) { g->last_tile_id = 12; }, true,
@@ -121,6 +126,10 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   EXPECT_EQ(mux.image(802, 0, deep), 0);
   EXPECT_EQ(mux.st().ipco_list.elem_count, boxes);
   EXPECT_EQ(mux.image(0xFFFF, 0, deep), 0);  // the largest item id
+  deep.color_type = 4;  // a colour of no known type takes no box
+  deep.color_data = kDepths, deep.color_size = sizeof kDepths;
+  EXPECT_EQ(mux.image(804, 0, deep), 0);
+  EXPECT_EQ(mux.st().ipco_list.elem_count, boxes);
   // Exif and XMP slots: the last one is taken, one more is refused.
   Mux full;
   tarnm_image_info e = Mux::info_for(fx.thumb, 128, 128);
@@ -150,6 +159,7 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   p.bit_depth_info_count = 1, p.rotation = 90;
   const tarnm_grid_info single{8, 128, 1, 1, 200, 200, 201, 0};
   EXPECT_EQ(many.image(201, 0, p, &single), -1);
+  EXPECT_EQ(many.image(202, 0, p), -1);  // and an image's own irot
   // 255 grids fill the item data; the 256th is refused.
   Mux grids;
   const tarnm_image_info tile = Mux::info_for(fx.thumb, 128, 128);
