@@ -384,6 +384,9 @@ const ModeCase kModeCases[] = {
        f.locs = {{2, 0, 10, 0}, {3, 0, 0, 0}}; f.ipma_box = ipma({{2, 0x81, 0x82}, {3, 0x82}});
        f.pitm = fullbox("pitm", 0, 0, {u16(3)}); f.more = iref(ref("dimg", 3, {2})); return f; }, kPrimary,
      {0, 2, nullptr, nullptr}, {0, 3, nullptr, nullptr}},
+    {"mode_exif_primary", [] { File f = two_items(); f.infes = {infe(1, "hvc1"), infe(2, "Exif", 1)};
+       f.pitm = fullbox("pitm", 0, 0, {u16(2)}); return f; }, kPrimary,
+     {0, 1, nullptr, nullptr}, {0, 1, nullptr, nullptr}},
 };
 
 int32_t ask(void *h, Query q) {

@@ -298,9 +298,13 @@ TEST(OtherAllocFailure, EachIsRefusedCleanly) {
          tarnd_io_init_file(&io, path.c_str());
          tarnd_delete(tarnd_create_with_flags(&io, TARND_READ_TOLERANT, &fi, &err));
          return err; }},
-      {"an idat larger than any model block", [] {  // which takes a block of its own
+      {"an idat and an auxC larger than any model block", [] {  // which take blocks of their own
          static const Bytes file = [] {
            bb::File f;
+           const Bytes subtype = bb::cat({bb::u32(300 << 10), bb::zeros(300 << 10)});
+           f.ipco = bb::cat({bb::hvcc(), bb::ispe(64, 64),
+                             bb::fullbox("auxC", 0, 0, {bb::str("urn:mpeg:hevc:2015:auxid:1"), subtype})});
+           f.ipma_box = bb::ipma({{1, 0x81, 0x82, 0x83}});
            f.iloc_version = 1;
            f.locs = {{1, 0, 10, 1}};
            f.more = bb::box("idat", {bb::kFrame, bb::zeros(300 << 10)});

@@ -107,7 +107,10 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   const tarnm_grid_info row{16384, 64, 1, 256, 2000, 2255, 2300, 0};  // the widest row of tiles
   EXPECT_EQ(mux.image(2300, 0, Mux::info_for(fx.tiles[0], 64, 64), &row), 0);
   const tarnm_grid_info one{256, 256, 1, 1, 3000, 3000, 3001, 0};  // a single tile, as phones write
-  EXPECT_EQ(mux.image(3001, 0, Mux::info_for(fx.tiles[0], 256, 256), &one), 0);
+  tarnm_image_info nclx = Mux::info_for(fx.tiles[0], 256, 256);  // whose tiles take no nclx
+  static const uint8_t kNclx[7] = {1, 0, 13, 0, 6, 0, 1};
+  nclx.color_type = 1, nclx.color_data = kNclx, nclx.color_size = sizeof kNclx;
+  EXPECT_EQ(mux.image(3001, 0, nclx, &one), 0);
   const tarnm_grid_info tall{768, 65535, 256, 3, 1000, 1000 + 767, 900, 0};  // 256 rows, 16-bit height
   EXPECT_EQ(mux.image(900, 0, Mux::info_for(fx.tiles[0], 256, 256), &tall), 0);
   tarnm_image_info deep = Mux::info_for(fx.thumb, 128, 128);
