@@ -90,16 +90,17 @@ void read_property(Source &src, const Box &b, PropertyBox *p) {
 
 }  // namespace
 
-bool read_box_facts(const tarnd_io_dsc *io, BoxFacts *facts) {
+Read read_box_facts(const tarnd_io_dsc *io, BoxFacts *facts) {
   Source src(io);
-  if (!src.ok()) return false;
-  bool found_ipco = false;
+  if (!src.ok()) return Read::kMissing;
+  bool found_ipco = false, stored = true;
   children(src, 0, src.size(), [&](const Box &top) {
-    facts->top_level.push_back(top.type);
+    stored = stored && facts->top_level.push(top.type);
     if (top.type != TARND_FCC('m', 'e', 't', 'a') || top.end - top.payload < 4) return;
     children(src, top.payload + 4, top.end, [&](const Box &m) {  // meta is a full box
       if (m.type == TARND_FCC('g', 'r', 'p', 'l')) {
-        children(src, m.payload, m.end, [&](const Box &g) { facts->group_types.push_back(g.type); });
+        children(src, m.payload, m.end,
+                 [&](const Box &g) { stored = stored && facts->group_types.push(g.type); });
       }
       if (m.type != TARND_FCC('i', 'p', 'r', 'p')) return;
       children(src, m.payload, m.end, [&](const Box &pr) {
@@ -110,28 +111,32 @@ bool read_box_facts(const tarnd_io_dsc *io, BoxFacts *facts) {
           PropertyBox p;
           p.type = prop.type;
           read_property(src, prop, &p);
-          facts->properties.push_back(p);
+          stored = stored && facts->properties.push(p);
         });
       });
     });
   });
-  return found_ipco;
+  if (!stored) return Read::kNoMemory;
+  return found_ipco ? Read::kOk : Read::kMissing;
 }
 
-bool read_item_bytes(const tarnd_io_dsc *io, const tarnd_ctx *ctx, const tarnd_item &item,
-                     std::vector<uint8_t> *out) {
-  if (item.length > UINT32_MAX) return false;
+Read read_item_bytes(const tarnd_io_dsc *io, const tarnd_ctx *ctx, const tarnd_item &item,
+                     List<uint8_t> *out) {
+  out->clear();
+  if (item.length > UINT32_MAX) return Read::kMissing;
   if (item.construction_method == 1) {
     if (ctx->meta.idat == nullptr || item.offset > ctx->meta.idat_size ||
         item.length > ctx->meta.idat_size - item.offset)
-      return false;
-    out->assign(ctx->meta.idat + item.offset, ctx->meta.idat + item.offset + item.length);
-    return true;
+      return Read::kMissing;
+    return out->append(ctx->meta.idat + item.offset, size_t(item.length)) ? Read::kOk : Read::kNoMemory;
   }
-  if (item.construction_method != 0) return false;
+  if (item.construction_method != 0) return Read::kMissing;
+  // The length is the file's claim: the buffer is sized only once the source
+  // is known to hold that many bytes.
   Source src(io);
-  out->resize(size_t(item.length));
-  return src.ok() && src.read(item.offset, out->data(), uint32_t(item.length));
+  if (!src.ok() || item.offset > src.size() || item.length > src.size() - item.offset) return Read::kMissing;
+  if (!out->resize(size_t(item.length))) return Read::kNoMemory;
+  return src.read(item.offset, out->data(), uint32_t(item.length)) ? Read::kOk : Read::kMissing;
 }
 
 }  // namespace tarn_edit_internal

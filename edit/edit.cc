@@ -9,15 +9,17 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
+#include <new>
+#include <utility>
 
 #include "common/log.h"
 #include "tarn/utils.h"
 #include "edit/internal.h"
 
 using tarn_edit_internal::BoxFacts;
+using tarn_edit_internal::List;
 using tarn_edit_internal::PropertyBox;
+using tarn_edit_internal::Read;
 
 namespace {
 
@@ -51,23 +53,44 @@ const Transform kTransforms[] = {{TARND_FCC('c', 'l', 'a', 'p'), "a clean apertu
                                  {TARND_FCC('i', 'm', 'i', 'r'), "a mirror (imir)"},
                                  {TARND_FCC('i', 's', 'c', 'l'), "a scaling (iscl)"}};
 
-std::string fourcc_text(uint32_t code) {
-  std::string s;
+// A message of bounded length held in place: refusals are described while
+// memory may be short, and the caller's copy is bounded anyway.
+struct Text {
+  char s[1024] = "";
+  size_t n = 0;
+  void append(const char *t) {
+    const size_t len = std::strlen(t);
+    const size_t k = len < sizeof s - 1 - n ? len : sizeof s - 1 - n;
+    std::memcpy(s + n, t, k);
+    n += k;
+    s[n] = '\0';
+  }
+  const char *c_str() const { return s; }
+  bool empty() const { return n == 0; }
+};
+
+struct Fourcc {
+  char s[5];
+};
+
+Fourcc fourcc_text(uint32_t code) {
+  Fourcc f{};
   for (int i = 0; i < 4; ++i) {
     const char c = char((code >> (8 * i)) & 0xff);
-    s += (c >= 0x20 && c < 0x7f) ? c : '.';
+    f.s[i] = (c >= 0x20 && c < 0x7f) ? c : '.';
   }
-  return s;
+  return f;
 }
 
-std::string format(const char *fmt, ...) TARN_PRINTF_FORMAT(1, 2);
-std::string format(const char *fmt, ...) {
-  char buf[512];
+Text format(const char *fmt, ...) TARN_PRINTF_FORMAT(1, 2);
+Text format(const char *fmt, ...) {
+  Text t;
   va_list ap;
   va_start(ap, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, ap);
+  const int n = std::vsnprintf(t.s, sizeof t.s, fmt, ap);
   va_end(ap);
-  return buf;
+  t.n = n < 0 ? 0 : size_t(n) < sizeof t.s ? size_t(n) : sizeof t.s - 1;
+  return t;
 }
 
 const char *type_name(uint32_t type) {
@@ -77,9 +100,10 @@ const char *type_name(uint32_t type) {
   return nullptr;
 }
 
-std::string describe_item(const tarnd_item &it) {
+Text describe_item(const tarnd_item &it) {
   const char *known = type_name(it.item_type);
-  return format("item %u, %s", it.item_id, known ? known : ("of type '" + fourcc_text(it.item_type) + "'").c_str());
+  if (known != nullptr) return format("item %u, %s", it.item_id, known);
+  return format("item %u, of type '%s'", it.item_id, fourcc_text(it.item_type).s);
 }
 
 // The to-ids of the item's first reference of a type, or null.
@@ -100,7 +124,7 @@ struct Image {
   uint32_t img_type = IMG_TYPE_OTHER;
   uint32_t aux_type = 0;
   uint32_t ref_old = 0;  // master, gain map or other stereo view (old id)
-  std::vector<uint32_t> tiles;  // old ids of a grid's tiles
+  List<uint32_t> tiles;  // old ids of a grid's tiles
   tarnd_grid_info grid{};
   tarnd_image_info info{};  // of the image, or of the first tile for a grid
   uint32_t rotation = 0;    // clockwise degrees
@@ -109,29 +133,61 @@ struct Image {
   uint32_t exif_size = 0;
   const uint8_t *xmp = nullptr;
   uint32_t xmp_size = 0;
-  std::vector<uint8_t> exif_copy;  // when the edit changes or completes the Exif
-  std::vector<uint8_t> tmap_data;
+  List<uint8_t> exif_copy;  // when the edit changes or completes the Exif
+  List<uint8_t> tmap_data;
+};
+
+// The images to write, in writing order. Room for every item of the input
+// is taken at once, so that planning never grows it.
+class ImageList {
+ public:
+  bool init(size_t capacity) {
+    items_.reset(new (std::nothrow) Image[capacity]);
+    capacity_ = items_ ? capacity : 0;
+    return items_ != nullptr;
+  }
+  bool push(Image &&im) {
+    if (size_ == capacity_) return false;
+    items_[size_++] = std::move(im);
+    return true;
+  }
+  void pop_back() { items_[--size_] = Image(); }
+  void erase(size_t i) {
+    for (size_t j = i; j + 1 < size_; ++j) items_[j] = std::move(items_[j + 1]);
+    pop_back();
+  }
+  Image &back() { return items_[size_ - 1]; }
+  Image &operator[](size_t i) { return items_[i]; }
+  size_t size() const { return size_; }
+  Image *begin() { return items_.get(); }
+  Image *end() { return items_.get() + size_; }
+
+ private:
+  std::unique_ptr<Image[]> items_;
+  size_t size_ = 0, capacity_ = 0;
 };
 
 // Parameter sets of one decoder configuration, split for the writer, and
 // the other NAL units stored with them, which travel in front of the frame.
 struct ParamSets {
   tarnm_param_sets sets{};
-  std::vector<uint8_t> prefix;  // start-code form
+  List<uint8_t> prefix;  // start-code form
 };
 
-bool split_config(const uint8_t *data, uint32_t size, ParamSets *out) {
+enum class Split { kOk, kMalformed, kNoMemory };
+
+Split split_config(const uint8_t *data, uint32_t size, ParamSets *out) {
   std::memset(&out->sets, 0, sizeof out->sets);
   out->prefix.clear();
   uint32_t at = 0;
   while (at + 4 <= size) {
-    if (std::memcmp(data + at, "\0\0\0\1", 4) != 0) return false;
+    if (std::memcmp(data + at, "\0\0\0\1", 4) != 0) return Split::kMalformed;
     uint32_t end = at + 4;
     while (end + 4 <= size && std::memcmp(data + end, "\0\0\0\1", 4) != 0) ++end;
     if (end + 4 > size) end = size;
     const uint8_t *nal = data + at + 4;
     const uint32_t nal_size = end - at - 4;
-    if (nal_size < 2) return false;
+    if (nal_size < 2) return Split::kMalformed;
     const uint32_t nal_type = (nal[0] >> 1) & 0x3f;
     int32_t *count = nullptr;
     uint32_t *sizes = nullptr;
@@ -144,16 +200,17 @@ bool split_config(const uint8_t *data, uint32_t size, ParamSets *out) {
       count = &out->sets.pps_count, sizes = out->sets.pps_size, ptrs = out->sets.pps_data;
     }
     if (count == nullptr) {
-      out->prefix.insert(out->prefix.end(), data + at, data + end);
+      if (!out->prefix.append(data + at, end - at)) return Split::kNoMemory;
     } else {
-      if (*count >= 4) return false;
+      if (*count >= 4) return Split::kMalformed;
       sizes[*count] = nal_size;
       ptrs[*count] = nal;
       ++*count;
     }
     at = end;
   }
-  return at == size && out->sets.sps_count > 0 && out->sets.pps_count > 0 && out->sets.vps_count > 0;
+  const bool complete = out->sets.sps_count > 0 && out->sets.pps_count > 0 && out->sets.vps_count > 0;
+  return at == size && complete ? Split::kOk : Split::kMalformed;
 }
 
 // Bit depths of the stream, from its first SPS (the writer's own decoder).
@@ -181,14 +238,16 @@ class Edit {
   Edit(const tarnd_io_dsc *in, const tarn_edit_options &opt) : in_(in), opt_(opt) {}
 
   int32_t run(tarnm_output_dsc *out);
-  const std::string &message() const { return message_; }
+  const char *message() const { return message_.c_str(); }
 
  private:
-  int32_t fail(int32_t code, const std::string &why) {
-    message_ = why;
-    TARN_LOGW(kTag, "%s", why.c_str());
+  int32_t fail(int32_t code, const char *why) {
+    message_ = Text();
+    message_.append(why);
+    TARN_LOGW(kTag, "%s", why);
     return code;
   }
+  int32_t fail(int32_t code, const Text &why) { return fail(code, why.c_str()); }
   bool set(uint32_t flag) const { return (opt_.flags & flag) != 0; }
   const tarnd_item *item(uint32_t id) const {
     uint32_t index = 0;
@@ -211,27 +270,36 @@ class Edit {
     }
     return true;
   }
-  // The ipco boxes associated with an item.
-  std::vector<const PropertyBox *> properties_of(uint32_t id) const {
-    std::vector<const PropertyBox *> out;
+  // Visits the ipco boxes associated with an item, in association order.
+  template <typename Visit>
+  void each_property(uint32_t id, Visit visit) const {
     for (uint32_t a = 0; a < ctx_->meta.association_cnt; ++a) {
       const tarnd_association &as = ctx_->meta.association_list[a];
       if (as.item_id == id && as.property_index < facts_.properties.size())
-        out.push_back(&facts_.properties[as.property_index]);
+        visit(facts_.properties[as.property_index]);
     }
-    return out;
+  }
+  // The first transform among an item's properties, or null.
+  const Transform *transform_of(uint32_t id) const {
+    const Transform *found = nullptr;
+    each_property(id, [&](const PropertyBox &p) {
+      for (const Transform &t : kTransforms) {
+        if (found == nullptr && p.type == t.type) found = &t;
+      }
+    });
+    return found;
   }
 
   int32_t plan();
-  int32_t check_coded(uint32_t id, const char *role, std::string *why);
+  int32_t check_coded(uint32_t id, const char *role, Text *why);
   int32_t check_image(Image &im);
   int32_t plan_metadata();
   int32_t write(tarnm_ctx *w);
   int32_t register_image(tarnm_ctx *w, Image &im);
   int32_t put_frames(tarnm_ctx *w, const Image &im);
-  void dropped(const std::string &what) {
-    if (!dropped_.empty()) dropped_ += "; ";
-    dropped_ += what;
+  void dropped(const Text &what) {
+    if (!dropped_.empty()) dropped_.append("; ");
+    dropped_.append(what.c_str());
   }
 
   const tarnd_io_dsc *in_;
@@ -239,12 +307,12 @@ class Edit {
   std::unique_ptr<void, ReaderDeleter> reader_;
   const tarnd_ctx *ctx_ = nullptr;
   BoxFacts facts_;
-  std::vector<Image> images_;  // in writing order, the primary first
-  std::string message_, dropped_;
-  std::vector<uint8_t> frame_;
+  ImageList images_;  // the primary first
+  Text message_, dropped_;
+  List<uint8_t> frame_;
 };
 
-int32_t Edit::check_coded(uint32_t id, const char *role, std::string *why) {
+int32_t Edit::check_coded(uint32_t id, const char *role, Text *why) {
   const tarnd_item *it = item(id);
   if (it == nullptr) {
     *why = format("%s is missing", role);
@@ -254,13 +322,9 @@ int32_t Edit::check_coded(uint32_t id, const char *role, std::string *why) {
     *why = format("%s is %s, which the writer cannot express", role, describe_item(*it).c_str());
     return TARN_EDIT_REFUSED;
   }
-  for (const PropertyBox *p : properties_of(id)) {
-    for (const Transform &t : kTransforms) {
-      if (p->type == t.type) {
-        *why = format("%s has %s, which the writer cannot express", role, t.what);
-        return TARN_EDIT_REFUSED;
-      }
-    }
+  if (const Transform *t = transform_of(id)) {
+    *why = format("%s has %s, which the writer cannot express", role, t->what);
+    return TARN_EDIT_REFUSED;
   }
   tarnd_image_info info{};
   if (tarnd_get_info_image(const_cast<tarnd_ctx *>(ctx_), int32_t(id), &info) != 0 || info.config_data == nullptr ||
@@ -275,22 +339,20 @@ int32_t Edit::check_coded(uint32_t id, const char *role, std::string *why) {
 int32_t Edit::check_image(Image &im) {
   const tarnd_item &it = *im.item;
   void *h = const_cast<tarnd_ctx *>(ctx_);
-  const std::string role = im.img_type == IMG_TYPE_MAIN ? format("the primary image (item %u)", it.item_id) : format("image %u", it.item_id);
-  std::string why;
+  const Text role = im.img_type == IMG_TYPE_MAIN ? format("the primary image (item %u)", it.item_id)
+                                                 : format("image %u", it.item_id);
+  Text why;
   int32_t rc = TARN_EDIT_OK;
   if (it.item_type == kHvc1) {
-    if ((rc = check_coded(it.item_id, role.c_str(), &why)) != 0) return fail(rc, why);
+    if ((rc = check_coded(it.item_id, role.c_str(), &why)) != 0) return fail(rc, why.c_str());
     tarnd_get_info_image(h, int32_t(it.item_id), &im.info);
     if (uint64_t(im.info.width) * im.info.height > kMaxCodedPixels)
       return fail(TARN_EDIT_REFUSED, format("%s is %ux%u, more pixels than the writer takes in one coded image",
                                             role.c_str(), im.info.width, im.info.height));
   } else if (it.item_type == kGrid) {
-    for (const PropertyBox *p : properties_of(it.item_id)) {
-      for (const Transform &t : kTransforms) {
-        if (p->type == t.type)
-          return fail(TARN_EDIT_REFUSED, format("%s has %s, which the writer cannot express", role.c_str(), t.what));
-      }
-    }
+    if (const Transform *t = transform_of(it.item_id))
+      return fail(TARN_EDIT_REFUSED,
+                  format("%s has %s, which the writer cannot express", role.c_str(), t->what));
     if (tarnd_get_info_item(h, int32_t(it.item_id), TARND_INFO_GRID, &im.grid) != 0 || im.grid.rows == 0)
       return fail(TARN_EDIT_UNREADABLE, format("%s: the grid layout cannot be read", role.c_str()));
     const uint32_t tile_count = im.grid.rows * im.grid.columns;
@@ -299,11 +361,11 @@ int32_t Edit::check_image(Image &im) {
     if (tile_count > kMaxGridTiles || count != tile_count)
       return fail(TARN_EDIT_REFUSED, format("%s is a %ux%u grid with %u tiles, which the writer cannot express",
                                             role.c_str(), im.grid.rows, im.grid.columns, count));
-    im.tiles.resize(count);
+    if (!im.tiles.resize(count)) return fail(TARN_EDIT_NO_MEMORY, "out of memory while planning the edit");
     tarnd_get_list_referenceto(h, int32_t(it.item_id), im.tiles.data(), count);
     for (uint32_t t = 0; t < count; ++t) {
-      const std::string tile_role = format("tile %u (item %u) of %s", t + 1, im.tiles[t], role.c_str());
-      if ((rc = check_coded(im.tiles[t], tile_role.c_str(), &why)) != 0) return fail(rc, why);
+      const Text tile_role = format("tile %u (item %u) of %s", t + 1, im.tiles[t], role.c_str());
+      if ((rc = check_coded(im.tiles[t], tile_role.c_str(), &why)) != 0) return fail(rc, why.c_str());
       tarnd_image_info tile{};
       tarnd_get_info_image(h, int32_t(im.tiles[t]), &tile);
       if (t == 0) {
@@ -326,11 +388,24 @@ int32_t Edit::check_image(Image &im) {
     im.info.icc_size = grid_info.icc_size;
     im.info.rotation = im.grid.rotation;
   } else if (it.item_type == kTmap) {
+    // The reader describes coded images only: a tone map's size is its ispe,
+    // which the writer takes back as it stands when the tone map is not turned.
     tarnd_get_info_image(h, int32_t(it.item_id), &im.info);
-    if (!tarn_edit_internal::read_item_bytes(in_, ctx_, it, &im.tmap_data) || im.tmap_data.empty())
+    for (uint32_t a = 0; a < ctx_->meta.association_cnt; ++a) {
+      const tarnd_association &as = ctx_->meta.association_list[a];
+      if (as.item_id != it.item_id || as.property_index >= ctx_->meta.property_cnt) continue;
+      const tarnd_property &prop = ctx_->meta.properties[as.property_index];
+      if (prop.type != TARND_FCC('i', 's', 'p', 'e')) continue;
+      im.info.width = prop.payload.ispe.width;
+      im.info.height = prop.payload.ispe.height;
+    }
+    const Read read = tarn_edit_internal::read_item_bytes(in_, ctx_, it, &im.tmap_data);
+    if (read == Read::kNoMemory) return fail(TARN_EDIT_NO_MEMORY, "out of memory while reading a tone map");
+    if (read != Read::kOk || im.tmap_data.empty())
       return fail(TARN_EDIT_UNREADABLE, format("%s: the tone-map data cannot be read", role.c_str()));
   } else {
-    return fail(TARN_EDIT_REFUSED, format("%s cannot be carried: the writer cannot express it", describe_item(it).c_str()));
+    return fail(TARN_EDIT_REFUSED,
+                format("%s cannot be carried: the writer cannot express it", describe_item(it).c_str()));
   }
   im.rotation = (4 - (im.info.rotation & 3)) % 4 * 90;
   return TARN_EDIT_OK;
@@ -353,23 +428,25 @@ int32_t Edit::plan() {
     if (!set(TARN_EDIT_DROP_UNSUPPORTED))
       return fail(TARN_EDIT_REFUSED, "the file holds an image sequence track (moov), which the writer cannot "
                                      "express; --drop-unsupported leaves it out");
-    dropped("the image sequence track (moov)");
+    dropped(format("the image sequence track (moov)"));
   }
   for (uint32_t type : facts_.group_types) {
     if (type == kSter) continue;
     if (!set(TARN_EDIT_DROP_UNSUPPORTED))
       return fail(TARN_EDIT_REFUSED, format("the file holds an entity group of type '%s', which the writer cannot express; "
-                                            "--drop-unsupported leaves it out", fourcc_text(type).c_str()));
-    dropped(format("an entity group of type '%s'", fourcc_text(type).c_str()));
+                                            "--drop-unsupported leaves it out", fourcc_text(type).s));
+    dropped(format("an entity group of type '%s'", fourcc_text(type).s));
   }
 
   // Items that are inputs of grids are written with their grid.
-  std::vector<uint32_t> inputs;
+  List<uint32_t> inputs;
   for (uint32_t i = 0; i < ctx_->meta.item_cnt; ++i) {
     const tarnd_item &it = ctx_->meta.items[i];
     uint16_t count = 0;
     const uint16_t *to = first_ref(it, kDimg, &count);
-    if (it.item_type == kGrid && to != nullptr) inputs.insert(inputs.end(), to, to + count);
+    for (uint16_t k = 0; it.item_type == kGrid && to != nullptr && k < count; ++k) {
+      if (!inputs.push(to[k])) return fail(TARN_EDIT_NO_MEMORY, "out of memory while planning the edit");
+    }
   }
   auto is_input = [&](uint32_t id) {
     for (uint32_t t : inputs) {
@@ -378,10 +455,13 @@ int32_t Edit::plan() {
     return false;
   };
 
+  // Every image but the primary is an item met once below.
+  if (!images_.init(size_t(ctx_->meta.item_cnt) + 1))
+    return fail(TARN_EDIT_NO_MEMORY, "out of memory while planning the edit");
   Image main;
   main.item = p;
   main.img_type = IMG_TYPE_MAIN;
-  images_.push_back(main);
+  images_.push(std::move(main));
   if (int32_t rc = check_image(images_.back())) return rc;
 
   // The rest in item order, images that belong to another one after all the
@@ -400,7 +480,7 @@ int32_t Edit::plan() {
     im.item = &it;
     uint16_t count = 0;
     const uint16_t *to = nullptr;
-    std::string kind = "image";
+    const char *kind = "image";
     bool may_drop = false;
     if ((to = first_ref(it, kThmb, &count)) != nullptr) {
       if (set(TARN_EDIT_DROP_THUMBNAILS)) continue;
@@ -435,15 +515,19 @@ int32_t Edit::plan() {
     }
     if (im.ref_old != 0 && im.img_type != IMG_TYPE_TMAP && planned(im.ref_old) == nullptr) continue;
     if (may_drop) {
+      const bool plain = std::strcmp(kind, "item") == 0;
       if (!set(TARN_EDIT_DROP_UNSUPPORTED))
-        return fail(TARN_EDIT_REFUSED, format("%s%s cannot be carried: the writer cannot express it; "
+        return fail(TARN_EDIT_REFUSED, format("%s%s%s%s cannot be carried: the writer cannot express it; "
                                               "--drop-unsupported leaves it out",
-                                              describe_item(it).c_str(), kind == "item" ? "" : (" (" + kind + ")").c_str()));
+                                              describe_item(it).c_str(), plain ? "" : " (", plain ? "" : kind,
+                                              plain ? "" : ")"));
       dropped(describe_item(it));
       continue;
     }
-    images_.push_back(im);
-    const std::string before = message_;
+    const bool thumbnail = im.img_type == IMG_TYPE_THUMBNAIL;
+    if (!images_.push(std::move(im)))
+      return fail(TARN_EDIT_NO_MEMORY, "out of memory while planning the edit");
+    const Text before = message_;
     const int32_t rc = check_image(images_.back());
     if (rc == TARN_EDIT_REFUSED && set(TARN_EDIT_DROP_UNSUPPORTED)) {
       dropped(describe_item(it));
@@ -452,8 +536,8 @@ int32_t Edit::plan() {
       continue;
     }
     if (rc == TARN_EDIT_REFUSED) {
-      message_ += im.img_type == IMG_TYPE_THUMBNAIL ? "; --drop-thumbnails or --drop-unsupported leaves it out"
-                                                    : "; --drop-unsupported leaves it out";
+      message_.append(thumbnail ? "; --drop-thumbnails or --drop-unsupported leaves it out"
+                                : "; --drop-unsupported leaves it out");
     }
     if (rc != 0) return rc;
   }
@@ -473,7 +557,7 @@ int32_t Edit::plan() {
       return fail(TARN_EDIT_REFUSED, format("image %u is hidden and nothing refers to it; the writer would show it. "
                                             "--drop-unsupported leaves it out", im.item->item_id));
     dropped(format("hidden image %u", im.item->item_id));
-    images_.erase(images_.begin() + long(i--));
+    images_.erase(i--);
   }
 
   // Tone maps need their gain map written; a dropped gain map takes them along.
@@ -483,7 +567,7 @@ int32_t Edit::plan() {
     if (!set(TARN_EDIT_DROP_UNSUPPORTED) && !set(TARN_EDIT_DROP_GAINMAP))
       return fail(TARN_EDIT_REFUSED, format("tone-map item %u is built on item %u, which cannot be carried",
                                             im.item->item_id, im.ref_old));
-    images_.erase(images_.begin() + long(i--));
+    images_.erase(i--);
   }
 
   // Stereo pairs: the left view is registered as the pair, naming the right.
@@ -559,8 +643,10 @@ int32_t Edit::plan_metadata() {
       if (marked && !strip) {
         im.exif = data.data, im.exif_size = data.size;
       } else {
-        if (!marked) im.exif_copy.assign(kExifMarker, kExifMarker + 6);
-        im.exif_copy.insert(im.exif_copy.end(), data.data, data.data + data.size);
+        im.exif_copy.clear();
+        if ((!marked && !im.exif_copy.append(kExifMarker, sizeof kExifMarker)) ||
+            !im.exif_copy.append(data.data, data.size))
+          return fail(TARN_EDIT_NO_MEMORY, "out of memory while copying Exif");
         if (strip && tarn_edit_strip_gps(im.exif_copy.data(), uint32_t(im.exif_copy.size())) < 0)
           return fail(TARN_EDIT_UNREADABLE, format("the Exif of image %u is malformed; its GPS data cannot be "
                                                    "found safely", im.item->item_id));
@@ -592,7 +678,10 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
   ParamSets ps;
   uint8_t depths[3] = {};
   if (im.img_type != IMG_TYPE_TMAP) {
-    if (!split_config(im.info.config_data, im.info.config_size, &ps))
+    const Split split = split_config(im.info.config_data, im.info.config_size, &ps);
+    if (split == Split::kNoMemory)
+      return fail(TARN_EDIT_NO_MEMORY, "out of memory while reading a decoder configuration");
+    if (split != Split::kOk)
       return fail(TARN_EDIT_REFUSED, format("image %u: its decoder configuration does not hold one to four VPS, SPS "
                                             "and PPS each", im.item->item_id));
     info.param_sets = ps.sets;
@@ -607,7 +696,7 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
   uint32_t colour_id = im.item->item_id;
   if (!im.tiles.empty()) {
     bool own = false;
-    for (const PropertyBox *p : properties_of(colour_id)) own = own || p->colour_type != 0;
+    each_property(colour_id, [&](const PropertyBox &p) { own = own || p.colour_type != 0; });
     if (!own) {
       colour_id = im.tiles[0];
       tarnd_image_info tile{};
@@ -616,21 +705,21 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
       im.info.icc_size = tile.icc_size;
     }
   }
-  for (const PropertyBox *p : properties_of(im.item->item_id)) {
-    if (p->type == TARND_FCC('c', 'l', 'l', 'i')) info.max_cll = p->max_cll, info.max_pall = p->max_pall;
-  }
-  for (const PropertyBox *p : properties_of(colour_id)) {
-    if (p->colour_type == TARND_FCC('n', 'c', 'l', 'x')) {
+  each_property(im.item->item_id, [&](const PropertyBox &p) {
+    if (p.type == TARND_FCC('c', 'l', 'l', 'i')) info.max_cll = p.max_cll, info.max_pall = p.max_pall;
+  });
+  each_property(colour_id, [&](const PropertyBox &p) {
+    if (p.colour_type == TARND_FCC('n', 'c', 'l', 'x')) {
       info.color_type = 1;
-      info.color_data = p->nclx;
-      info.color_size = sizeof p->nclx;
+      info.color_data = p.nclx;
+      info.color_size = sizeof p.nclx;
     }
-  }
+  });
   if (im.info.icc_size > 0 && im.info.icc_data != nullptr) {
     uint32_t icc_type = 3;
-    for (const PropertyBox *p : properties_of(colour_id)) {
-      if (p->colour_type == TARND_FCC('r', 'I', 'C', 'C')) icc_type = 2;
-    }
+    each_property(colour_id, [&](const PropertyBox &p) {
+      if (p.colour_type == TARND_FCC('r', 'I', 'C', 'C')) icc_type = 2;
+    });
     info.color_type = icc_type;
     info.color_data = im.info.icc_data;
     info.color_size = im.info.icc_size;
@@ -676,20 +765,25 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
 int32_t Edit::put_frames(tarnm_ctx *w, const Image &im) {
   if (im.img_type == IMG_TYPE_TMAP) return TARN_EDIT_OK;
   void *h = const_cast<tarnd_ctx *>(ctx_);
+  // The configuration was checked at registration: only memory can fail here.
   ParamSets ps;
-  split_config(im.info.config_data, im.info.config_size, &ps);
-  const std::vector<uint32_t> single{im.item->item_id};
-  const std::vector<uint32_t> &ids = im.tiles.empty() ? single : im.tiles;
+  if (split_config(im.info.config_data, im.info.config_size, &ps) != Split::kOk)
+    return fail(TARN_EDIT_NO_MEMORY, "out of memory while reading a decoder configuration");
+  const uint32_t single = im.item->item_id;
+  const uint32_t *ids = im.tiles.empty() ? &single : im.tiles.data();
+  const size_t id_cnt = im.tiles.empty() ? 1 : im.tiles.size();
   uint32_t new_id = im.tiles.empty() ? im.new_id : im.new_id - uint32_t(im.tiles.size());
-  for (uint32_t id : ids) {
+  for (size_t k = 0; k < id_cnt; ++k) {
+    const uint32_t id = ids[k];
     int32_t size = 0;
     int32_t rc = tarnd_get_image_frm(h, int32_t(id), nullptr, 0, &size);
     if (rc != 0 || size <= 0)
       return fail(TARN_EDIT_UNREADABLE, format("the coded data of item %u cannot be read (status %d)", id, rc));
     // NAL units stored beside the parameter sets go in front of the picture.
-    frame_.assign(ps.prefix.begin(), ps.prefix.end());
-    const size_t head = frame_.size();
-    frame_.resize(head + size_t(size));
+    frame_.clear();
+    const size_t head = ps.prefix.size();
+    if (!frame_.append(ps.prefix.data(), head) || !frame_.resize(head + size_t(size)))
+      return fail(TARN_EDIT_NO_MEMORY, format("out of memory for the coded data of item %u", id));
     int32_t written = 0;
     rc = tarnd_get_image_frm(h, int32_t(id), frame_.data() + head, size, &written);
     if (rc != 0 || written != size)
@@ -727,7 +821,9 @@ int32_t Edit::run(tarnm_output_dsc *out) {
                                                 : "the input is not a readable HEIF file");
   }
   ctx_ = static_cast<const tarnd_ctx *>(reader_.get());
-  if (!tarn_edit_internal::read_box_facts(in_, &facts_))
+  const Read facts = tarn_edit_internal::read_box_facts(in_, &facts_);
+  if (facts == Read::kNoMemory) return fail(TARN_EDIT_NO_MEMORY, "out of memory while reading the input");
+  if (facts != Read::kOk)
     return fail(TARN_EDIT_UNREADABLE, "the input's item properties (ipco) cannot be found");
   if (int32_t rc = plan()) return rc;
 
@@ -745,14 +841,19 @@ int32_t Edit::run(tarnm_output_dsc *out) {
   if (!writer) return fail(TARN_EDIT_NO_MEMORY, format("the writer cannot be created (status %d)", werr));
   if (int32_t rc = write(writer.get())) return rc;
   if (tarnm_dump_image_to_file(writer.get(), out) != 0) return fail(TARN_EDIT_OUTPUT, "the output cannot be written");
-  message_ = dropped_.empty() ? "" : "dropped: " + dropped_;
+  message_ = Text();
+  if (!dropped_.empty()) {
+    message_.append("dropped: ");
+    message_.append(dropped_.c_str());
+  }
   return TARN_EDIT_OK;
 }
 
-void copy_message(const tarn_edit_options *opt, const std::string &text) {
+void copy_message(const tarn_edit_options *opt, const char *text) {
   if (opt == nullptr || opt->message == nullptr || opt->message_size == 0) return;
-  const size_t n = text.size() < opt->message_size - 1 ? text.size() : opt->message_size - 1;
-  std::memcpy(opt->message, text.data(), n);
+  const size_t len = std::strlen(text);
+  const size_t n = len < opt->message_size - 1 ? len : opt->message_size - 1;
+  std::memcpy(opt->message, text, n);
   opt->message[n] = '\0';
 }
 

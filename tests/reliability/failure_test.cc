@@ -10,6 +10,7 @@
 #include "support/alloc_hook.h"
 #include "support/box_builder.h"
 #include "support/files.h"
+#include "tarn/edit.h"
 #include "tarn/io.h"
 #include "tarn/reader.h"
 #include "tarn/utils.h"
@@ -319,6 +320,23 @@ TEST(OtherAllocFailure, EachIsRefusedCleanly) {
          const int32_t rc = h == nullptr ? err : tarnd_get_image_frm(h, 1, nullptr, 0, &size);
          tarnd_delete(h);
          return rc; }},
+      {"lossless edit", [] {  // of a file with every kind of image, turned and without GPS
+         static const Bytes file = reference_file();
+         static uint8_t written[1 << 20];
+         static size_t length;
+         tarnm_output_dsc out = {[](tarnm_output_dsc *, int32_t) -> void * { return length = 0, written; },
+                                 [](void *) {}, nullptr, [](void *, const void *data, size_t n) -> size_t {
+                                   if (n > sizeof written - length) return 0;
+                                   memcpy(written + length, data, n);
+                                   return length += n, n;
+                                 }};
+         tarnd_io_dsc io;
+         tarnd_io_init_memory(&io, file.data(), file.size());
+         tarn_edit_options options = {};
+         // The writer's own altr group of the tone map is left to the writer.
+         options.flags = TARN_EDIT_STRIP_GPS | TARN_EDIT_SET_ROTATION | TARN_EDIT_DROP_UNSUPPORTED;
+         options.rotation = 180;
+         return tarn_edit(&io, &out, &options); }},
       {"block index", [] {  // built once per list, so released after each build
          const int32_t rc = tarn_mblk_upd_meta(&list, [](const void *) { return 1u; });
          free(list.meta_array);
