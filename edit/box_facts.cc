@@ -99,8 +99,18 @@ Read read_box_facts(const tarnd_io_dsc *io, BoxFacts *facts) {
     if (top.type != TARND_FCC('m', 'e', 't', 'a') || top.end - top.payload < 4) return;
     children(src, top.payload + 4, top.end, [&](const Box &m) {  // meta is a full box
       if (m.type == TARND_FCC('g', 'r', 'p', 'l')) {
-        children(src, m.payload, m.end,
-                 [&](const Box &g) { stored = stored && facts->group_types.push(g.type); });
+        children(src, m.payload, m.end, [&](const Box &g) {
+          // A full box: group id, entity count, then the entity ids.
+          GroupBox group;
+          group.type = g.type;
+          uint8_t v[12];
+          const uint64_t size = g.end - g.payload;
+          if (size >= 12 && src.read(g.payload, v, 12)) group.entity_cnt = be32(v + 8);
+          for (uint32_t e = 0; e < 2 && e < group.entity_cnt && size >= 16 + 4 * e; ++e) {
+            if (src.read(g.payload + 12 + 4 * e, v, 4)) group.entities[e] = be32(v);
+          }
+          stored = stored && facts->groups.push(group);
+        });
       }
       if (m.type != TARND_FCC('i', 'p', 'r', 'p')) return;
       children(src, m.payload, m.end, [&](const Box &pr) {

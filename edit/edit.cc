@@ -36,6 +36,7 @@ constexpr uint32_t kThmb = TARND_FCC('t', 'h', 'm', 'b');
 constexpr uint32_t kAuxl = TARND_FCC('a', 'u', 'x', 'l');
 constexpr uint32_t kCdsc = TARND_FCC('c', 'd', 's', 'c');
 constexpr uint32_t kSter = TARND_FCC('s', 't', 'e', 'r');
+constexpr uint32_t kAltr = TARND_FCC('a', 'l', 't', 'r');
 constexpr uint32_t kMoov = TARND_FCC('m', 'o', 'o', 'v');
 // The writer's grid limit (rows x columns).
 constexpr uint32_t kMaxGridTiles = 768;
@@ -430,8 +431,19 @@ int32_t Edit::plan() {
                                      "express; --drop-unsupported leaves it out");
     dropped(format("the image sequence track (moov)"));
   }
-  for (uint32_t type : facts_.group_types) {
-    if (type == kSter) continue;
+  // The writer makes a tone map built on the primary image and that image
+  // alternatives of each other by itself: such a group travels with its
+  // tone map.
+  auto tone_map_alternative = [&](const tarn_edit_internal::GroupBox &g) {
+    const bool pair = g.type == kAltr && g.entity_cnt == 2 && g.entities[1] == primary;
+    const tarnd_item *t = pair ? item(g.entities[0]) : nullptr;
+    uint16_t count = 0;
+    const uint16_t *to = t != nullptr && t->item_type == kTmap ? first_ref(*t, kDimg, &count) : nullptr;
+    return to != nullptr && count == 2 && to[0] == primary;
+  };
+  for (const tarn_edit_internal::GroupBox &g : facts_.groups) {
+    const uint32_t type = g.type;
+    if (type == kSter || tone_map_alternative(g)) continue;
     if (!set(TARN_EDIT_DROP_UNSUPPORTED))
       return fail(TARN_EDIT_REFUSED, format("the file holds an entity group of type '%s', which the writer cannot express; "
                                             "--drop-unsupported leaves it out", fourcc_text(type).s));

@@ -91,11 +91,18 @@ struct PropertyBox {
   uint32_t max_cll = 0, max_pall = 0;  // clli
 };
 
+// One entity group inside grpl.
+struct GroupBox {
+  uint32_t type = 0;
+  uint32_t entity_cnt = 0;
+  uint32_t entities[2] = {};  // the first two, where the box holds them
+};
+
 // What the edit learns from its own walk of the box structure.
 struct BoxFacts {
   List<PropertyBox> properties;
-  List<uint32_t> top_level;    // box types at the top of the file
-  List<uint32_t> group_types;  // grouping types inside grpl
+  List<uint32_t> top_level;  // box types at the top of the file
+  List<GroupBox> groups;
 };
 
 // Outcome of the edit's own reads of the input.

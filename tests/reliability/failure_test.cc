@@ -333,8 +333,7 @@ TEST(OtherAllocFailure, EachIsRefusedCleanly) {
          tarnd_io_dsc io;
          tarnd_io_init_memory(&io, file.data(), file.size());
          tarn_edit_options options = {};
-         // The writer's own altr group of the tone map is left to the writer.
-         options.flags = TARN_EDIT_STRIP_GPS | TARN_EDIT_SET_ROTATION | TARN_EDIT_DROP_UNSUPPORTED;
+         options.flags = TARN_EDIT_STRIP_GPS | TARN_EDIT_SET_ROTATION;
          options.rotation = 180;
          return tarn_edit(&io, &out, &options); }},
       {"block index", [] {  // built once per list, so released after each build
