@@ -113,6 +113,8 @@ const Case kCases[] = {
      0, kMdat, 0x40000008, "", nullptr},
     {"trld_ending_with_the_file", [] { File f; f.tail = box("trld", {zeros(4)}); return f; },
      0, kNone, 0, "", nullptr},
+    {"trld_before_meta", [] { File f; f.head = box("trld", {zeros(4)}); return f; },
+     0, kFrame64, 0, "", nullptr},
     {"trld_past_file", [] { File f; f.tail = box_sized(1000, "trld", {zeros(4)}); return f; },
      0, kNone, 0, "trld size is not matched", "tarnd_parse"},
     {"item_box_inside_ipco", [] { File f; f.ipco = cat({infe(5, "hvc1"), hvcc(), ispe(64, 64)});
@@ -506,6 +508,7 @@ TEST(MalformedFiles, StatusAndLogLine) {
   EXPECT_EQ(err, -6);
   EXPECT_EQ(tarnd_create_with_flags(&io, 0x80, &info, &err), nullptr);  // a mode bit of no meaning
   EXPECT_EQ(err, -1);
+  EXPECT_EQ(tarnd_get_info_item(nullptr, 1, TARND_INFO_EXIF, &info), -1);
 }
 
 TEST(MalformedFiles, StrictAndTolerantSideBySide) {

@@ -45,6 +45,10 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
        [](tarnm_state *s) { return tarnm_add_element_itemtyperef(s, 1, fcc("dimg"), 769, kIds); }, -1, nullptr},
       {"nclx of 8 bytes", nullptr, colr(1), -5, "nclx color size is abnormal(8)"},
       {"colour type 4", nullptr, colr(4), -1, "Should not be here. unsupported color type(4)"},
+      {"colour size without data", nullptr, [](tarnm_state *s) {
+         s->image_info.color_type = 2, s->image_info.color_data = nullptr, s->image_info.color_size = 8;
+         return tarnm_add_element_colr(s);
+       }, -1, nullptr},
       {"colour of 4 GiB", nullptr, colr(2, 0xFFFFFFFFu), -1, nullptr},
       {"hvcC beyond one block", nullptr,
        [](tarnm_state *s) { return tarnm_add_element_hvcC(s, kBytes, 4073); }, -5,
