@@ -264,6 +264,9 @@ TEST(WriterContext, HeapGrowthDeliveredBuffersAndRefusals) {
   static const uint8_t kToneMap[17] = {};
   EXPECT_EQ(-4, atom_dump_tmap_data(kToneMap, sizeof kToneMap, &d.st()));
   EXPECT_EQ(-4, tarn_chunk_dump(&d.st(), kToneMap, sizeof kToneMap, 1));
+  Cursor byte(1);  // too small for the counts in front of the item lists
+  EXPECT_EQ(-4, atom_dump_iinf(nullptr, nullptr, &byte.st) & atom_dump_ipma(nullptr, nullptr, &byte.st) &
+                    atom_dump_iloc(nullptr, nullptr, &byte.st));
   static const uint8_t kFrame[40] = {0, 0, 0, 1, 0x26};  // refused before its location is kept
   const uint32_t locations = d.st().iloc_list.elem_count;
   EXPECT_EQ(-4, tarnm_put_frm(d.ctx, 1, kFrame, sizeof kFrame));
