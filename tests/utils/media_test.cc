@@ -60,6 +60,7 @@ TEST(KeyFrame, HeaderRules) {
       {103, {0, 0, 0x80, 2, 0x1C, 0x80, 0}, 0}, {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0}, 0},
       {111, {0, 0, 0x84, 0, 0x80, 0, 0, 0, 0}, 1}, {111, {0, 0, 0x84, 1, 0, 0, 0x60}, 1},
       {102, {0, 0, 1, 0xB6, 0}, 1}, {102, {0, 0, 0x80, 1, 0x08, 0}, 0}, {102, {0x11, 0, 1, 0xB6, 0}, 0},
+      {102, {0, 0, 0x80, 2, 0x1C, 0}, 0},  // an MPEG-4 short header with an extended type decides nothing
       {105, {0x3F}, 1}, {105, {0x40}, 0}, {106, {0x7F}, 1}, {106, {0x80}, 0},  // WMV1, WMV2: picture type
       {119, {0x10, 0, 0, 0x9D, 1, 0x2A}, 1}, {119, {0x10, 0, 0, 0x9D, 1, 0x2B}, 0},  // VP8 start code
       // AVC IDR start code filling the frame; MPEG-4 start code of another unit; a zero run after a header

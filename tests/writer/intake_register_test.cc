@@ -190,6 +190,7 @@ TEST(Register, RefusalsLeaveTheContextUsable) {
   pair.img_type = IMG_TYPE_STEREO;
   for (uint32_t id = 2; id <= 17; ++id) ASSERT_EQ(pairs.image(id, 1, pair), 0);
   EXPECT_EQ(pairs.image(18, 1, pair), -1);
+  EXPECT_EQ(pairs.image(19, 0, Mux::info_for(fx.thumb, 128, 128)), 0);  // a plain image takes no group
   EXPECT_EQ(tarnm_set_cover_image(mux.ctx, -1), -1);
   EXPECT_EQ(tarnm_set_cover_image(nullptr, 1), -1);
 }
@@ -275,6 +276,7 @@ TEST(Intake, RefusalsLeaveNothingBehind) {
   EXPECT_EQ(tarnm_put_metadata(empty.ctx, 3, kCodeOnly, 0x80000000u, &offset), -1);
   EXPECT_EQ(tarnm_put_metadata(nullptr, 3, kCodeOnly, 4, &offset), -1);
   EXPECT_EQ(offset, 77u);
+  EXPECT_EQ(tarnm_put_metadata(empty.ctx, 3, kCodeOnly, 4, &offset), 0);
   // A frame larger than the heap grown for the registered images is refused.
   const tarn_test::Streams &fx = tarn_test::streams();
   for (uint32_t id : {6u, 7u}) ASSERT_EQ(empty.image(id, 0, Mux::info_for(fx.single, 4096, 3072)), 0);

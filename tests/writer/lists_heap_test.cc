@@ -100,6 +100,7 @@ TEST(Mblk, FindThroughBlockIndexAndBoundedDumps) {
     return k < e ? -1 : k > e ? 1 : 0;
   };
   EXPECT_EQ(nullptr, tarn_mblk_elem_find(&list.l, 30, compare));  // no index: first block only
+  EXPECT_EQ(nullptr, tarn_mblk_elem_find(nullptr, 30, compare));
   ASSERT_EQ(0, tarn_mblk_upd_meta(&list.l, key_of));
   EXPECT_EQ(-1, tarn_mblk_upd_meta(&list.l, key_of));  // built once only
   for (uint32_t key : {10u, 20u, 30u, 40u, 70u, 5u, 29u, 31u, 80u}) {
@@ -275,6 +276,7 @@ TEST(WriterContext, HeapGrowthDeliveredBuffersAndRefusals) {
   Mux t;
   EXPECT_EQ(0, tarnm_put_tonemap_data(&t.st(), 1, 0xFFFFFFFFu));
   EXPECT_EQ(-1, tarnm_put_tonemap_data(&t.st(), 2, 1));
+  EXPECT_EQ(-1, tarnm_put_tonemap_data(&t.st(), 3, 0));
 }
 
 TEST(WriterContext, FileOutput) {
