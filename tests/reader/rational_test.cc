@@ -20,6 +20,9 @@ TEST(Rational, FractionOperationsAndOverflow) {
   EXPECT_TRUE(tarnd_fraction_isInteger(&min) && !tarnd_fraction_isInteger(&zero));
   EXPECT_EQ(tarnd_fraction_getInt32(&min), INT32_MAX);
   EXPECT_EQ(tarnd_fraction_getInt32(&zero), 0);
+  tarnd_fraction centre = {0, 0};  // the centre of an odd extent is a half
+  tarnd_fraction_calculateCenter(&centre, 5);
+  EXPECT_TRUE(centre.n == 5 && centre.d == 2);
 
   enum Op { kSimplify, kAdd, kSubtract, kCommon };
   // clang-format off

@@ -145,6 +145,10 @@ TEST(SpsDecoder, BuiltParameterSets) {
   const Bytes zeros = make_sps(kCases[6].f);  // really carries a 00 00 03
   static const uint8_t kEpb[3] = {0, 0, 3};
   EXPECT_NE(std::search(zeros.begin(), zeros.end(), kEpb, kEpb + 3), zeros.end());
+  tarnm_hevc_sps none{};  // a missing reader or result is ignored
+  omni_bsr empty{};
+  tarnm_hevc_sps_dec(nullptr, &none);
+  tarnm_hevc_sps_dec(&empty, nullptr);
 }
 
 TEST(HvccBuilder, Refusals) {
