@@ -136,6 +136,7 @@ struct Image {
   uint32_t xmp_size = 0;
   List<uint8_t> exif_copy;  // when the edit changes or completes the Exif
   List<uint8_t> tmap_data;
+  List<uint8_t> prefix;  // NAL units stored beside the parameter sets, start-code form
 };
 
 // The images to write, in writing order. Room for every item of the input
@@ -280,6 +281,15 @@ class Edit {
         visit(facts_.properties[as.property_index]);
     }
   }
+  // Visits the reader's properties associated with an item, in association order.
+  template <typename Visit>
+  void each_bound(uint32_t id, Visit visit) const {
+    for (uint32_t a = 0; a < ctx_->meta.association_cnt; ++a) {
+      const tarnd_association &as = ctx_->meta.association_list[a];
+      if (as.item_id == id && as.property_index < ctx_->meta.property_cnt)
+        visit(ctx_->meta.properties[as.property_index]);
+    }
+  }
   // The first transform among an item's properties, or null.
   const Transform *transform_of(uint32_t id) const {
     const Transform *found = nullptr;
@@ -345,7 +355,7 @@ int32_t Edit::check_image(Image &im) {
   Text why;
   int32_t rc = TARN_EDIT_OK;
   if (it.item_type == kHvc1) {
-    if ((rc = check_coded(it.item_id, role.c_str(), &why)) != 0) return fail(rc, why.c_str());
+    if ((rc = check_coded(it.item_id, role.c_str(), &why)) != 0) return fail(rc, why);
     tarnd_get_info_image(h, int32_t(it.item_id), &im.info);
     if (uint64_t(im.info.width) * im.info.height > kMaxCodedPixels)
       return fail(TARN_EDIT_REFUSED, format("%s is %ux%u, more pixels than the writer takes in one coded image",
@@ -366,7 +376,7 @@ int32_t Edit::check_image(Image &im) {
     tarnd_get_list_referenceto(h, int32_t(it.item_id), im.tiles.data(), count);
     for (uint32_t t = 0; t < count; ++t) {
       const Text tile_role = format("tile %u (item %u) of %s", t + 1, im.tiles[t], role.c_str());
-      if ((rc = check_coded(im.tiles[t], tile_role.c_str(), &why)) != 0) return fail(rc, why.c_str());
+      if ((rc = check_coded(im.tiles[t], tile_role.c_str(), &why)) != 0) return fail(rc, why);
       tarnd_image_info tile{};
       tarnd_get_info_image(h, int32_t(im.tiles[t]), &tile);
       if (t == 0) {
@@ -392,14 +402,11 @@ int32_t Edit::check_image(Image &im) {
     // The reader describes coded images only: a tone map's size is its ispe,
     // which the writer takes back as it stands when the tone map is not turned.
     tarnd_get_info_image(h, int32_t(it.item_id), &im.info);
-    for (uint32_t a = 0; a < ctx_->meta.association_cnt; ++a) {
-      const tarnd_association &as = ctx_->meta.association_list[a];
-      if (as.item_id != it.item_id || as.property_index >= ctx_->meta.property_cnt) continue;
-      const tarnd_property &prop = ctx_->meta.properties[as.property_index];
-      if (prop.type != TARND_FCC('i', 's', 'p', 'e')) continue;
+    each_bound(it.item_id, [&](const tarnd_property &prop) {
+      if (prop.type != TARND_FCC('i', 's', 'p', 'e')) return;
       im.info.width = prop.payload.ispe.width;
       im.info.height = prop.payload.ispe.height;
-    }
+    });
     const Read read = tarn_edit_internal::read_item_bytes(in_, ctx_, it, &im.tmap_data);
     if (read == Read::kNoMemory) return fail(TARN_EDIT_NO_MEMORY, "out of memory while reading a tone map");
     if (read != Read::kOk || im.tmap_data.empty())
@@ -697,6 +704,7 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
       return fail(TARN_EDIT_REFUSED, format("image %u: its decoder configuration does not hold one to four VPS, SPS "
                                             "and PPS each", im.item->item_id));
     info.param_sets = ps.sets;
+    im.prefix = std::move(ps.prefix);
     info.bit_depth_info_count = bit_depths(ps.sets, depths);
     info.bit_depth = depths;
   } else {
@@ -738,15 +746,12 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
   }
   if (im.aux_type != 0 && im.aux_type != 3) {
     // The alpha and depth subtype bytes that follow the type in auxC.
-    for (uint32_t a = 0; a < ctx_->meta.association_cnt; ++a) {
-      const tarnd_association &as = ctx_->meta.association_list[a];
-      if (as.item_id != im.item->item_id || as.property_index >= ctx_->meta.property_cnt) continue;
-      const tarnd_property &prop = ctx_->meta.properties[as.property_index];
+    each_bound(im.item->item_id, [&](const tarnd_property &prop) {
       if (prop.type == TARND_FCC('a', 'u', 'x', 'C') && prop.payload.auxC.subtype_size > 0) {
         info.aux_subtype_data = prop.payload.auxC.subtype_data;
         info.aux_subtype_size = prop.payload.auxC.subtype_size;
       }
-    }
+    });
   }
   info.exif_data = im.exif;
   info.exif_size = im.exif_size;
@@ -777,10 +782,6 @@ int32_t Edit::register_image(tarnm_ctx *w, Image &im) {
 int32_t Edit::put_frames(tarnm_ctx *w, const Image &im) {
   if (im.img_type == IMG_TYPE_TMAP) return TARN_EDIT_OK;
   void *h = const_cast<tarnd_ctx *>(ctx_);
-  // The configuration was checked at registration: only memory can fail here.
-  ParamSets ps;
-  if (split_config(im.info.config_data, im.info.config_size, &ps) != Split::kOk)
-    return fail(TARN_EDIT_NO_MEMORY, "out of memory while reading a decoder configuration");
   const uint32_t single = im.item->item_id;
   const uint32_t *ids = im.tiles.empty() ? &single : im.tiles.data();
   const size_t id_cnt = im.tiles.empty() ? 1 : im.tiles.size();
@@ -793,8 +794,8 @@ int32_t Edit::put_frames(tarnm_ctx *w, const Image &im) {
       return fail(TARN_EDIT_UNREADABLE, format("the coded data of item %u cannot be read (status %d)", id, rc));
     // NAL units stored beside the parameter sets go in front of the picture.
     frame_.clear();
-    const size_t head = ps.prefix.size();
-    if (!frame_.append(ps.prefix.data(), head) || !frame_.resize(head + size_t(size)))
+    const size_t head = im.prefix.size();
+    if (!frame_.append(im.prefix.data(), head) || !frame_.resize(head + size_t(size)))
       return fail(TARN_EDIT_NO_MEMORY, format("out of memory for the coded data of item %u", id));
     int32_t written = 0;
     rc = tarnd_get_image_frm(h, int32_t(id), frame_.data() + head, size, &written);
