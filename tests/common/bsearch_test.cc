@@ -28,6 +28,7 @@ TEST(BSearch, EmptyOrNegativeCountNeverCallsCompare) {
     EXPECT_EQ(tarn_bsearch(row, count, kSize, &key, compare_key, nullptr), nullptr);
     EXPECT_EQ(g_calls, 0);
   }
+  EXPECT_EQ(tarn_bsearch(row, 1, kSize, &key, nullptr, nullptr), nullptr);
 }
 
 // A count near INT32_MAX: the middle index must not overflow. The elements

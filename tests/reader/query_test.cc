@@ -14,7 +14,7 @@ using namespace bb;
 
 // Item 1 primary (64x48), 2 its thumbnail, 3 its alpha plane, 4 a tmap over
 // 1 with gain map 5 (describing 2), 6 Exif of 1, 7 a 2x3 grid; a ster group
-// pairs 2 and 3.
+// of 1 alone (no pair), then one pairing 2 and 3.
 // A property of unknown type still takes its slot in ipco.
 Bytes role_file() {
   File f;
@@ -28,7 +28,8 @@ Bytes role_file() {
   f.ipma_box = ipma({{1, 0x81, 3, 7}, {2, 0x81, 3, 5}, {3, 0x81, 3, 4, 6}, {5, 0x81, 3}, {7, 3}});
   f.more = cat({iref(cat({ref("thmb", 2, {1}), ref("auxl", 3, {1}), ref("dimg", 4, {1, 5}),
                           ref("cdsc", 4, {2}), ref("cdsc", 6, {1}), ref("dimg", 7, {1, 2, 3, 5, 1, 2})})),
-                box("grpl", {fullbox("ster", 0, 0, {u32(9), u32(2), u32(2), u32(3)})})});
+                box("grpl", {fullbox("ster", 0, 0, {u32(8), u32(1), u32(1)}),  // no pair
+                             fullbox("ster", 0, 0, {u32(9), u32(2), u32(2), u32(3)})})});
   return f.build();
 }
 

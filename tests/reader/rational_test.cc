@@ -20,6 +20,7 @@ TEST(Rational, FractionOperationsAndOverflow) {
   EXPECT_TRUE(tarnd_fraction_isInteger(&min) && !tarnd_fraction_isInteger(&zero));
   EXPECT_EQ(tarnd_fraction_getInt32(&min), INT32_MAX);
   EXPECT_EQ(tarnd_fraction_getInt32(&zero), 0);
+  EXPECT_EQ(tarnd_fraction_commonDenominator(nullptr, &zero), 0);
   tarnd_fraction centre = {0, 0};  // the centre of an odd extent is a half
   tarnd_fraction_calculateCenter(&centre, 5);
   EXPECT_TRUE(centre.n == 5 && centre.d == 2);
@@ -36,6 +37,7 @@ TEST(Rational, FractionOperationsAndOverflow) {
       {"denominator product overflows", kAdd, {1, 65537}, {1, 65539}, 0, {1, 65537}},
       {"numerator product overflows", kCommon, {2000000000, 3}, {1, 2}, 0, {2000000000, 3}},
       {"common denominator", kCommon, {1, 4}, {1, 6}, 1, {6, 24}},
+      {"denominators already equal", kCommon, {1, 2}, {3, 2}, 1, {1, 2}},
   };
   // clang-format on
   for (const auto &c : kCases) {
@@ -64,6 +66,7 @@ TEST(Rational, CleanApertureToCrop) {
       {"half-pixel left edge", 4033, 3024, {4000, 1, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"fractional width", 4032, 3024, {4001, 2, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"zero width denominator", 4032, 3024, {4000, 0, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
+      {"zero height denominator", 4032, 3024, {4000, 1, 3000, 0, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"wider than image", 4032, 3024, {5000, 1, 3000, 1, 0, 1, 0, 1}, {-1, -1, -1, -1}},
       {"past right edge", 4032, 3024, {100, 1, 100, 1, 2000, 1, 0, 1}, {-1, -1, -1, -1}},
       {"offset sum overflows", 4032, 3024, {4000, 1, 3000, 1, INT32_MAX, 1, 0, 1}, {-1, -1, -1, -1}},

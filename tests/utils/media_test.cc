@@ -66,7 +66,9 @@ TEST(KeyFrame, HeaderRules) {
       // AVC IDR start code filling the frame; MPEG-4 start code of another unit; a zero run after a header
       {104, {0, 0, 1, 0x65}, 1}, {102, {0, 0, 1, 0x20, 0}, 0}, {103, {0, 0, 1, 0x80, 2, 0, 0, 0}, 0},
       // HEVC: an IDR start code filling the frame; a picture of VCL type 9 decides before an IDR
-      {120, {0, 0, 1, 0x26}, 1}, {120, {0, 0, 1, 0x12, 1, 0, 0, 1, 0x26, 1}, 0}};
+      {120, {0, 0, 1, 0x26}, 1}, {120, {0, 0, 1, 0x12, 1, 0, 0, 1, 0x26, 1}, 0},
+      // AVC: a non-IDR slice decides before an IDR; MPEG-4: the last short-header code, a P-VOP
+      {104, {0, 0, 1, 0x41, 1, 0, 0, 1, 0x65, 1}, 0}, {102, {0, 0, 0x83, 2, 0x08, 0}, 1}, {102, {0, 0, 1, 0xB6, 0x40}, 0}};
   for (const auto &[type, f, key] : kCases) EXPECT_EQ(key_of(type, f.data(), f.size()), key) << type;
   const uint8_t idr[] = {0, 0, 1, 0x65};
   EXPECT_EQ(omni_is_vkeyfrm(104, idr, -4), 0);

@@ -189,7 +189,12 @@ TEST(HvccBuilder, Refusals) {
     four.pps_size[k] = uint32_t(pps.size());
     four.pps_data[k] = pps.data();
   }
+  EXPECT_EQ(tarnm_get_hvcc_size(&one), 23 + 3 * (3 + 2) + 24 + int32_t(s.sps[0].size()) + 8);
   EXPECT_EQ(tarnm_get_hvcc_size(&four), tarnm_get_hvcc_size(&one) + 3 * (2 + 8));
+  tarnm_param_sets widest = one;  // a unit of 65,535 bytes still fits its length field
+  widest.pps_size[0] = 65535;
+  widest.pps_data[0] = huge.data();
+  EXPECT_EQ(tarnm_get_hvcc_size(&widest), tarnm_get_hvcc_size(&one) + 65535 - 8);
   Bytes record(256);
   EXPECT_EQ(tarnm_make_hvcc(&four, record.data()), 0);
   EXPECT_EQ(tarnm_make_hvcc(nullptr, record.data()), -1);
