@@ -61,6 +61,9 @@ TEST(Query, RolesInformationAndReferences) {
   uint32_t slot = 7;  // no table, or an empty one, has no item
   EXPECT_EQ(tarnd_find_itemIndex(nullptr, 1, 1, &slot) + tarnd_find_itemIndex(ctx->meta.items, 0, 1, &slot), -2);
   EXPECT_EQ(slot, 7u);
+  tarnd_item three[3] = {};  // a search stays within its count, whichever path it takes
+  three[0].item_id = 5, three[1].item_id = 9, three[2].item_id = 7;
+  EXPECT_EQ(tarnd_find_itemIndex(three, 2, 7, &slot), -1);
 
   // Image information of real files (crops among it) is checked by the
   // corpus test; here the flags that tie an image to its auxiliary plane

@@ -115,7 +115,8 @@ TEST(Builders, RefusalsAndBoundsLeaveTheListsUsable) {
                 tarnm_get_irot_property_index(nullptr, 90) & tarnm_get_ispe_property_index(nullptr, 1, 1) &
                 tarnm_alloc_additional_buffer(nullptr, 1) & tarn_chunk_dump(nullptr, d, 1, 0) &
                 tarn_chunk_dump(s, nullptr, 1, 0) & atom_visit_write(nullptr, s) & tarnm_atom_meta(nullptr) &
-                tarnm_put_tonemap_data(nullptr, 1, 1) & atom_data_hdlr(nullptr, nullptr, s);
+                tarnm_put_tonemap_data(nullptr, 1, 1) & atom_data_hdlr(nullptr, nullptr, s) &
+                tarnm_atom_ftyp(nullptr, nullptr) & atom_dump_grid(nullptr, s);
        },
        -1, nullptr},
       // Nor do the lists and raw records take a missing list, element, writer or visitor.

@@ -129,8 +129,13 @@ const Scenario kScenarios[] = {
      }},
     {"alpha", "src512.png",
      [](Mux *m) { return main_and(m, typed(S().alpha, 512, IMG_TYPE_AUX, 1), S().alpha); }},
-    {"depth", "src512.png",
-     [](Mux *m) { return main_and(m, typed(S().alpha, 512, IMG_TYPE_AUX, 2), S().alpha); }},
+    {"depth", "src512.png",  // with subtype bytes after its URN
+     [](Mux *m) {
+       static const uint8_t kSubtype[3] = {0xD1, 0xD2, 0xD3};
+       tarnm_image_info depth = typed(S().alpha, 512, IMG_TYPE_AUX, 2);
+       depth.aux_subtype_data = kSubtype, depth.aux_subtype_size = sizeof kSubtype;
+       return main_and(m, depth, S().alpha);
+     }},
     {"gain_map_with_tone_map", "src512.png",
      [](Mux *m) -> Result {
        STEP(m->cover(1));
@@ -205,7 +210,7 @@ const Scenario kScenarios[] = {
        g.exif_size = uint32_t(exif().size());
        STEP(grid(m, 5, 1, IMG_TYPE_MAIN, 0, 512, 512, g));
        STEP(m->image(7, 5, typed(S().thumb, 128, IMG_TYPE_AUX, 3)));
-       STEP(m->image(8, 7, tonemap(512, 512, 0)));
+       STEP(m->image(8, 7, tonemap(512, 384, 0)));  // not turned: no sides swapped
        if (tiles(m, 1, 3, 4)) return "tiles";
        STEP(m->frame(7, S().thumb));
        return m->image(60, 5, typed(S().thumb, 128, IMG_TYPE_THUMBNAIL)) ? "thumb" : nullptr;

@@ -120,6 +120,7 @@ int32_t Mux::image(uint32_t id, uint32_t ref, tarnm_image_info info, const tarnm
     if (std::string(type) != "grid") e.config = config;
     if (!tile) {
       e.aux = in.aux_type;
+      if (in.aux_subtype_data) e.aux_subtype.assign(in.aux_subtype_data, in.aux_subtype_data + in.aux_subtype_size);
       e.untyped = (in.bit_depth_info_count != 0) + (in.max_cll != 0 || in.max_pall != 0);
       if (in.exif_size) e.exif.assign(in.exif_data, in.exif_data + in.exif_size);
       if (in.xmp_size) e.xmp.assign(in.xmp_data, in.xmp_data + in.xmp_size);
@@ -219,6 +220,8 @@ void check_properties(const tarnd_ctx *ctx, uint16_t id, const ExpectedItem &e) 
       static const uint32_t kFlags[] = {0, TARND_ITEM_AUX_ALPHA, TARND_ITEM_AUX_DEPTH,
                                         TARND_ITEM_AUX_GAINMAP};
       EXPECT_EQ(p.payload.auxC.aux_flags, kFlags[e.aux & 3]);
+      const auto &c = p.payload.auxC;
+      EXPECT_EQ(Bytes(c.subtype_data, c.subtype_data + c.subtype_size), e.aux_subtype);
     }
   }
   EXPECT_EQ(seen[fcc("ispe")], 1);

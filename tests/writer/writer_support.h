@@ -55,7 +55,7 @@ struct Cursor {
 struct ExpectedItem {
   uint32_t type = 0;  // TARN_FCC order
   bool hidden = false;
-  Bytes data, icc, config, tonemap, exif, xmp;  // data: the frame, when one was put
+  Bytes data, icc, config, tonemap, exif, xmp, aux_subtype;  // data: the frame, when one was put
   uint32_t width = 0, height = 0, aux = 0, rows = 0, columns = 0;
   int32_t irot = -1;  // anticlockwise quarter turns; -1 no irot
   bool nclx = false;
