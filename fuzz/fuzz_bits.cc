@@ -2,6 +2,7 @@
 // read big-endian with and without the NAL-aware refill and little-endian.
 #include <cstring>
 
+#include "fuzz_common.h"
 #include "tarn/tarn.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -16,10 +17,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (int round = 0; round < 64; ++round) {
       const uint8_t w = widths[round % 8];
       switch (w & 3) {
-        case 0: omni_bsr_read(&bs, 1 + (w >> 2) % 32); break;
-        case 1: omni_bsr_read1(&bs); break;
+        case 0: tarn_fuzz::note(omni_bsr_read(&bs, 1 + (w >> 2) % 32)); break;
+        case 1: tarn_fuzz::note(omni_bsr_read1(&bs)); break;
         case 2: omni_bsr_skip(&bs, (w >> 2) % 33); break;
-        default: omni_bsr_peek(&bs, 1 + (w >> 2) % 32); break;
+        default: tarn_fuzz::note(omni_bsr_peek(&bs, 1 + (w >> 2) % 32)); break;
       }
     }
   }
@@ -28,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (int round = 0; round < 64; ++round) {
     const uint8_t w = widths[round % 8];
     if (w & 1) {
-      omni_bsr_le_read(&le, 1 + (w >> 1) % 32);
+      tarn_fuzz::note(omni_bsr_le_read(&le, 1 + (w >> 1) % 32));
     } else {
       omni_bsr_le_skip(&le, (w >> 1) % 33);
     }

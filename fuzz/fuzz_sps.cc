@@ -3,6 +3,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_common.h"
 #include "tarn/tarn.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -21,6 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     tarnm_hevc_sps decoded;
     std::memset(&decoded, 0, sizeof decoded);
     tarnm_hevc_sps_dec(&bs, &decoded);
+    tarn_fuzz::note_bytes(reinterpret_cast<const uint8_t *>(&decoded), sizeof decoded);
   }
   tarnm_param_sets ps;
   std::memset(&ps, 0, sizeof ps);
@@ -34,9 +36,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ps.pps_size[0] = static_cast<uint32_t>(pps_size);
   ps.pps_data[0] = pps;
   const int32_t hvcc_size = tarnm_get_hvcc_size(&ps);
+  tarn_fuzz::note(static_cast<uint32_t>(hvcc_size));
   if (hvcc_size > 0) {
     std::vector<uint8_t> out(static_cast<size_t>(hvcc_size));
-    tarnm_make_hvcc(&ps, out.data());
+    tarn_fuzz::note(static_cast<uint32_t>(tarnm_make_hvcc(&ps, out.data())));
+    tarn_fuzz::note_bytes(out.data(), out.size());
   }
   return 0;
 }

@@ -100,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       case 0: {
         tarnm_image_info info;
         fill_image_info(in, &info, kDepths);
-        tarnm_set_image_info(w, in.u16(), in.u16(), &info, nullptr);
+        tarn_fuzz::note(uint32_t(tarnm_set_image_info(w, in.u16(), in.u16(), &info, nullptr)));
         break;
       }
       case 1: {
@@ -115,7 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         grid.last_tile_id = grid.first_tile_id + in.u8() % 20;
         grid.grid_item_id = uint16_t(in.u16());
         grid.rotation = (in.u8() % 4) * 90;
-        tarnm_set_image_info(w, grid.grid_item_id, in.u16(), &info, &grid);
+        tarn_fuzz::note(uint32_t(tarnm_set_image_info(w, grid.grid_item_id, in.u16(), &info, &grid)));
         break;
       }
       case 2:
@@ -124,31 +124,33 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const uint8_t *bytes = in.span(2048, &n);
         std::vector<uint8_t> frame = {0, 0, 0, 1};
         frame.insert(frame.end(), bytes, bytes + n);
-        tarnm_put_frm(w, in.u16(), frame.data(), uint32_t(frame.size()));
+        tarn_fuzz::note(uint32_t(tarnm_put_frm(w, in.u16(), frame.data(), uint32_t(frame.size()))));
         break;
       }
       case 4: {
         uint32_t n = 0;
         const uint8_t *bytes = in.span(512, &n);
         uint32_t offset = 0;
-        tarnm_put_metadata(w, in.u16(), bytes, n, &offset);
+        tarn_fuzz::note(uint32_t(tarnm_put_metadata(w, in.u16(), bytes, n, &offset)));
+        tarn_fuzz::note(offset);
         break;
       }
       case 5:
-        tarnm_set_cover_image(w, int32_t(in.u16()) - 2);
+        tarn_fuzz::note(uint32_t(tarnm_set_cover_image(w, int32_t(in.u16()) - 2)));
         break;
       case 6: {
         const int32_t used = tarnm_get_outputbuffer_size(w);
         const int32_t room = used + int32_t(in.u16()) - 64;
         if (room > 0) {
           delivered.emplace_back(new uint8_t[size_t(room)]);
-          tarnm_use_delivered_memory_buffer(w, delivered.back().get(), room);
+          tarn_fuzz::note(uint32_t(tarnm_use_delivered_memory_buffer(w, delivered.back().get(), room)));
         }
         break;
       }
       default: {
         uint32_t offset = 0;
-        tarnm_get_metadata_offset(w, int32_t(in.u16()), in.u8() & 1, &offset);
+        tarn_fuzz::note(uint32_t(tarnm_get_metadata_offset(w, int32_t(in.u16()), in.u8() & 1, &offset)));
+        tarn_fuzz::note(offset);
         break;
       }
     }
@@ -157,7 +159,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int32_t out_size = tarnm_get_outputbuffer_size(w);
     if (out_size > 0) {
       std::vector<uint8_t> file(static_cast<size_t>(out_size));
-      if (tarnm_dump_image_to_outputbuffer(w, file.data()) == 0) tarn_fuzz::exercise_reader(file.data(), file.size());
+      if (tarnm_dump_image_to_outputbuffer(w, file.data()) == 0) {
+        tarn_fuzz::note_bytes(file.data(), file.size());
+        tarn_fuzz::exercise_reader(file.data(), file.size());
+      }
     }
   }
   tarnm_delete(w);
