@@ -27,7 +27,13 @@ struct Input {
     --left;
     return *p++;
   }
-  uint32_t u16() { return uint32_t(u8()) << 8 | u8(); }
+  // Reads are sequenced one statement at a time: the order in which one
+  // expression evaluates its operands differs between compilers, and an
+  // input must mean the same program on every platform that replays it.
+  uint32_t u16() {
+    const uint32_t high = u8();
+    return high << 8 | u8();
+  }
   // Up to max bytes of the input as a span.
   const uint8_t *span(size_t max, uint32_t *size) {
     size_t n = u16() % (max + 1);
@@ -100,7 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       case 0: {
         tarnm_image_info info;
         fill_image_info(in, &info, kDepths);
-        tarn_fuzz::note(uint32_t(tarnm_set_image_info(w, in.u16(), in.u16(), &info, nullptr)));
+        const uint32_t id = in.u16();
+        tarn_fuzz::note(uint32_t(tarnm_set_image_info(w, id, in.u16(), &info, nullptr)));
         break;
       }
       case 1: {
@@ -149,7 +156,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       }
       default: {
         uint32_t offset = 0;
-        tarn_fuzz::note(uint32_t(tarnm_get_metadata_offset(w, int32_t(in.u16()), in.u8() & 1, &offset)));
+        const int32_t id = int32_t(in.u16());
+        tarn_fuzz::note(uint32_t(tarnm_get_metadata_offset(w, id, in.u8() & 1, &offset)));
         tarn_fuzz::note(offset);
         break;
       }
