@@ -1,7 +1,9 @@
 // Bit readers and the bit writer: random round trips, NAL payloads with
 // emulation-prevention bytes, the sticky end of data, and writes that run into
 // the end of the buffer. Buffers are exact heap copies so that
-// AddressSanitizer sees any access outside the data.
+// AddressSanitizer sees any access outside the data. Start codes inside NAL
+// payloads and the little-endian reader are left to the bit-reader fuzz
+// inputs, whose read values the replay compares.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -81,23 +83,6 @@ TEST(BitReader, RandomFieldsRoundTrip) {
   }
 }
 
-TEST(BitReader, NalRefillDropsEmulationPreventionAndStopsAtStartCodes) {
-  const std::pair<Bytes, Bytes> kCases[] = {  // in, bytes read
-      {{0x25, 0, 0, 1, 0x40, 1, 2}, {0x25}}, {{0x25, 0x26, 0, 0, 0, 1, 0x40, 1, 9}, {0x25, 0x26}},
-      {{0, 0, 1, 0x40, 1, 2}, {}}, {{0x11, 0, 0, 3}, {0x11, 0, 0}}, {{3, 0, 0, 3, 3}, {3, 0, 0, 3}},
-      {{0x7F, 0, 0, 1, 0x40, 0x41}, {0x7F, 0, 0, 1, 0x40, 0x41}},  // a start code needs five more bytes
-      {{0x11, 0x22, 0, 0, 3, 0x21, 5, 6, 7, 8}, {0x11, 0x22, 0, 0, 0x21, 5, 6, 7, 8}}};  // across refills
-  for (const auto &c : kCases) {
-    omni_bsr bs = reader(c.first, vc_nal_bsr_flush);
-    Bytes got;
-    uint32_t v;
-    while (got.size() <= c.first.size() && omni_bsr_read_value(&bs, 8, &v) == 0 && bs.leftbits >= 0)
-      got.push_back(static_cast<uint8_t>(v));
-    EXPECT_EQ(got, c.second) << &c - kCases;
-    EXPECT_EQ(bs.flush(&bs, 4), -301);
-  }
-}
-
 TEST(BitReader, AReadAcrossTheEndGetsZeroBits) {
   const Bytes buf = {0x12, 0x34, 0x56, 0x78, 0x9A};
   omni_bsr bs = reader(buf, nullptr);
@@ -120,27 +105,6 @@ TEST(BitReader, AReadAcrossTheEndGetsZeroBits) {
   EXPECT_EQ(omni_bsr_read1_value(&bs, &bit) + bit, 0);
   omni_bsr_skip(&bs, 2);
   EXPECT_EQ(omni_bsr_read1_value(&bs, &bit) + bit, 1);
-}
-
-TEST(LittleEndianBitReader, ReadsLowBitsFirst) {
-  // Steps: n > 0 reads n bits (expecting the value), n < 0 skips -n bits, 0 aligns.
-  const std::pair<Bytes, std::vector<std::pair<int32_t, uint32_t>>> kCases[] = {
-      {{0x78, 0x56, 0x34, 0x12, 0xE5}, {{32, 0x12345678}, {5, 0x05}, {3, 0x07}, {1, kEnd}, {1, kEnd}}},
-      // 3 bits left in the cache become the low bits of an 8-bit read.
-      {{0, 0, 0, 0xE0, 0x5A, 0xC3}, {{29, 0}, {8, 0xD7}, {11, 0x61A}, {1, kEnd}}},
-      // Skipping more than the cache holds empties it.
-      {{0x78, 0x56, 0x34, 0x12, 0xE5}, {{3, 0}, {0, 0}, {8, 0x56}, {-4, 0}, {4, 3}, {-20, 0}, {8, 0xE5}}}};
-  for (const auto &c : kCases) {
-    omni_bsr bs = reader(c.first, omni_bsr_le_flush);
-    for (const auto &s : c.second) {
-      if (s.first < 0) omni_bsr_le_skip(&bs, -s.first);
-      if (s.first == 0) omni_bsr_le_skip_to_align8(&bs);
-      EXPECT_EQ(s.first > 0 ? omni_bsr_le_read(&bs, s.first) : s.second, s.second) << &c - kCases;
-    }
-  }
-  const Bytes two = {0x5A, 0xC3};
-  omni_bsr one = reader(two, omni_bsr_le_flush);  // a refill of one byte takes that byte only
-  EXPECT_EQ(omni_bsr_le_flush(&one, 1) + one.code, 0x5Au);
 }
 
 TEST(BitWriter, StopsAtTheEndOfTheBuffer) {

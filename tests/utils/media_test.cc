@@ -1,6 +1,6 @@
 // Key frames of real encoder output (tests/data/keyframes, frame types as
-// ffprobe decoded them) and of hand-made headers, lookup precedence, aligned
-// memory, strided copies and fills (nothing written outside the contract).
+// ffprobe decoded them) and of hand-made headers, lookup precedence, strided
+// copies and fills (nothing written outside the contract).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -95,18 +95,6 @@ TEST(MediaType, LookupsAndPrecedence) {
               std::make_pair(int32_t(c[1]), int32_t(c[2])));
   EXPECT_EQ(omni_imgb_get_plane_count(600) * 10 + omni_imgb_get_plane_count(8), 30u);  // 8 is no format
   omni_imgb_dump(nullptr);
-}
-
-TEST(AlignedMemory, BlocksAreAlignedWritableAndFreed) {
-  for (uint32_t size : {0u, 1u, 33u, 100000u}) {
-    for (bool fast : {false, true}) {
-      void *p = fast ? omni_malloc_fast_align32(size) : omni_malloc_align32(size);
-      ASSERT_NE(p, nullptr) << size;
-      EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 32, 0u) << size;
-      memset(p, 0x5A, size);  // AddressSanitizer checks that the block holds size bytes
-      fast ? omni_mfree_fast_align32(p) : omni_mfree_align32(p);
-    }
-  }
 }
 
 TEST(Fills, WriteExactlyTheirBlocksAndTails) {
