@@ -343,6 +343,11 @@ void *model_calloc(tarnd_ctx *ctx, size_t count, size_t size);
 tarnd_ctx *model_create_context();
 // Frees every block but the context's own.
 void model_release(tarnd_ctx *ctx);
+// When set, every piece takes a block of its own, so that a failing
+// allocator reaches each caller's failure path and not only the callers
+// whose piece happens to need a new block. Only the allocation-failure tests
+// set it, before any context exists.
+extern bool g_model_block_per_piece;
 
 }  // namespace tarnd
 

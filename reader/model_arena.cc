@@ -95,16 +95,19 @@ size_t first_block_size(uint64_t hint) {
 
 }  // namespace
 
+bool g_model_block_per_piece = false;
+
 void *model_alloc(tarnd_ctx *ctx, size_t size) {
   if (size > SIZE_MAX - 2 * kAlign - kRedZone) return nullptr;
   const size_t rounded = (size + kRedZone + kAlign - 1) / kAlign * kAlign + (size == 0 ? kAlign : 0);
   Block *head = static_cast<Block *>(ctx->model_blocks);
-  if (head != nullptr && head->size - head->used >= rounded) return take(head, size, rounded);
+  const bool own_block = g_model_block_per_piece;
+  if (head != nullptr && !own_block && head->size - head->used >= rounded) return take(head, size, rounded);
 
   size_t next = head == nullptr ? 0 : head->size * 2;
   if (next < first_block_size(ctx->model_hint)) next = first_block_size(ctx->model_hint);
   if (next > kMaxRegularBlock) next = kMaxRegularBlock;
-  if (rounded > next) {
+  if (rounded > next || own_block) {
     // A block of its own, behind the head, which keeps serving small pieces.
     Block *own = new_block(rounded);
     if (own == nullptr) return nullptr;

@@ -9,6 +9,7 @@
 
 #include "support/alloc_hook.h"
 #include "support/box_builder.h"
+#include "reader/internal.h"
 #include "support/files.h"
 #include "tarn/edit.h"
 #include "tarn/io.h"
@@ -225,7 +226,10 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
     files.emplace_back(name, Bytes());  // an auxC subtype, containers past the stack's inline nodes
     ASSERT_TRUE(read_file(regression_path(name), &files.back().second)) << name;
   }
-  for (const auto &f : files) for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+  // Then again with every model piece in a block of its own, so that each
+  // caller of the model's storage sees its piece fail.
+  for (const bool per_piece : {false, true}) for (const auto &f : files) for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+    tarnd::g_model_block_per_piece = per_piece;
     const Bytes &file = f.second;
     static Answers ref, got;
     ref = Answers();
@@ -238,7 +242,8 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
       ask_everything(file, mode, &got);
       const bool reached = g_count > fail_at;
       g_armed = false;
-      SCOPED_TRACE(f.first + ", mode " + std::to_string(mode) + ", failing allocation " + std::to_string(fail_at));
+      SCOPED_TRACE(f.first + ", mode " + std::to_string(mode) + (per_piece ? ", a block per piece" : "") +
+                   ", failing allocation " + std::to_string(fail_at));
       EXPECT_EQ(g_live, 0);
       if (got.create != 0) {
         EXPECT_TRUE(got.create == -2 || got.create == -5 || got.create == -6) << got.create;
@@ -258,6 +263,7 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
     // block) were failed.
     EXPECT_GT(fail_at, 1) << f.first;
   }
+  tarnd::g_model_block_per_piece = false;
   // A 48-tile phone photo opens in either mode with a handful of
   // allocations, none per tile or per box: the context, the source and the
   // model's blocks.
