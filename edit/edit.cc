@@ -308,10 +308,11 @@ class Edit {
   int32_t write(tarnm_ctx *w);
   int32_t register_image(tarnm_ctx *w, Image &im);
   int32_t put_frames(tarnm_ctx *w, const Image &im);
-  void dropped(const Text &what) {
+  void dropped(const char *what) {
     if (!dropped_.empty()) dropped_.append("; ");
-    dropped_.append(what.c_str());
+    dropped_.append(what);
   }
+  void dropped(const Text &what) { dropped(what.c_str()); }
 
   const tarnd_io_dsc *in_;
   const tarn_edit_options &opt_;
@@ -436,7 +437,7 @@ int32_t Edit::plan() {
     if (!set(TARN_EDIT_DROP_UNSUPPORTED))
       return fail(TARN_EDIT_REFUSED, "the file holds an image sequence track (moov), which the writer cannot "
                                      "express; --drop-unsupported leaves it out");
-    dropped(format("the image sequence track (moov)"));
+    dropped("the image sequence track (moov)");
   }
   // The writer makes a tone map built on the primary image and that image
   // alternatives of each other by itself: such a group travels with its

@@ -96,7 +96,10 @@ bool exercise_mode(const uint8_t *data, size_t size, uint32_t mode) {
       tarnd_item_data meta{nullptr, 0};
       const int32_t s = tarnd_get_info_item(handle, item, kind, &meta);
       d->add({static_cast<uint32_t>(s)});
-      if (s == 0) d->bytes(meta.data, meta.size), touch_last(meta.data, meta.size);
+      if (s == 0) {
+        d->bytes(meta.data, meta.size);
+        touch_last(meta.data, meta.size);
+      }
     }
     uint32_t refs[8] = {};
     d->add({static_cast<uint32_t>(tarnd_get_list_referenceto(handle, item, refs, 8))});

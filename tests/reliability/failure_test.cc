@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "reader/internal.h"
 #include "support/alloc_hook.h"
 #include "support/box_builder.h"
-#include "reader/internal.h"
 #include "support/files.h"
 #include "tarn/edit.h"
 #include "tarn/io.h"
@@ -228,7 +228,8 @@ TEST(ReaderAllocFailure, EveryAllocationOfOpenAndQueriesFailsCleanly) {
   }
   // Then again with every model piece in a block of its own, so that each
   // caller of the model's storage sees its piece fail.
-  for (const bool per_piece : {false, true}) for (const auto &f : files) for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
+  for (const bool per_piece : {false, true}) for (const auto &f : files)
+    for (const uint32_t mode : {TARND_READ_STRICT, TARND_READ_TOLERANT}) {
     tarnd::g_model_block_per_piece = per_piece;
     const Bytes &file = f.second;
     static Answers ref, got;
